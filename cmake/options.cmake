@@ -1,0 +1,27 @@
+option(PALLION_TESTS "Build the tests" ON)
+option(PALLION_BENCHMARKS "Build the benchmarks" OFF)
+set(PALLION_SANITIZE "" CACHE STRING "Sanitizers: 'address,undefined', 'thread' or none")
+
+# Warnings, visibility and hardening that every target of ours is built with.
+function(pallion_target target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Wnull-dereference
+    -fstack-protector-strong -fno-plt)
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS _FILE_OFFSET_BITS=64)
+  # An object inside the tree is named without the path of the machine that built it.
+  target_compile_options(${target} PRIVATE -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+  if(PALLION_SANITIZE)
+    target_compile_options(${target} PUBLIC -fsanitize=${PALLION_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(${target} PUBLIC -fsanitize=${PALLION_SANITIZE})
+    if(PALLION_SANITIZE MATCHES "undefined")
+      target_compile_options(${target} PUBLIC -fno-sanitize-recover=undefined)
+    endif()
+  else()
+    # Fortification and the sanitizers' interceptors exclude each other.
+    target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+  endif()
+  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+    $<$<STREQUAL:$<TARGET_PROPERTY:${target},TYPE>,EXECUTABLE>:-pie>)
+endfunction()
