@@ -11,7 +11,8 @@ struct Error::Record {
 Error::Error(std::string_view domain, int64_t code) : Error(domain, code, ErrorDetails()) {}
 
 Error::Error(std::string_view domain, int64_t code, ErrorDetails details)
-    : record_(std::make_shared<const Record>(Record{std::string(domain), code, std::move(details)})) {}
+    : record_(
+          std::make_shared<const Record>(Record{std::string(domain), code, std::move(details)})) {}
 
 const std::string& Error::domain() const {
   static const std::string kEmpty;

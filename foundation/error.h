@@ -21,8 +21,8 @@ inline constexpr std::string_view kUnderlyingErrorKey = "UnderlyingError";
 
 class ErrorDetails;
 
-// A record of one failure: domain, code and details. A shared handle to an immutable object; a default-constructed one
-// is none. Any thread may use its own handle.
+// A record of one failure: domain, code and details. A shared handle to an immutable object; a
+// default-constructed one is none. Any thread may use its own handle.
 class Error {
  public:
   Error() = default;
@@ -45,7 +45,8 @@ class Error {
   std::shared_ptr<const Record> record_;
 };
 
-// The details of a record: names to values, locations or further records, in the order in which they were set.
+// The details of a record: names to values, locations or further records, in the order in which
+// they were set.
 class ErrorDetails {
  public:
   using Detail = std::variant<Value, URL, Error>;
@@ -61,7 +62,8 @@ class ErrorDetails {
   std::vector<Entry> entries_;
 };
 
-// "%@": domain, code, description and, in parentheses, the underlying record: "POSIX 5: cause (POSIX 28)".
+// "%@": domain, code, description and, in parentheses, the underlying record: "POSIX 5: cause
+// (POSIX 28)".
 void appendDescription(std::string& out, const Error& error);
 // "%@": "{name = detail; name = detail}".
 void appendDescription(std::string& out, const ErrorDetails& details);

@@ -24,6 +24,11 @@ std::optional<std::string> readFile(const URL& url, int* errorNumber = nullptr,
                                     FileCache cache = FileCache::kUse,
                                     uint64_t maximumSize = uint64_t{1} << 31);
 
+// Whether an errno of the readers here and in property_list.h says that the file may well be whole but could not be read
+// (EIO, EACCES, EMFILE, ENOMEM, ...), rather than that it is absent, damaged, too large or no regular file. What can't be
+// read just now must not be taken for absent.
+bool isReadFailure(int errorNumber);
+
 // kSynced: the content is on the medium before the name refers to it, so that power loss leaves the old file or the whole
 // new one. kNotSynced: the same promise for readers, and after the death of the process, but not for power loss; for
 // files that nobody needs once the system has gone down.

@@ -11,22 +11,31 @@
 #include <utility>
 #include <vector>
 
-// Messages in the notation of their texts: %@ (textual description of an object), %s, %d, %u, %ld, %lu, %lld, %zd,
-// %zu, %08X and %%. The format of a message is checked against its arguments when the program is compiled, and nothing
-// is formatted for a message that nobody will read: the arguments are only referred to until `format` is called.
+// Messages in the notation of their texts: %@ (textual description of an object), %s, %d, %u, %ld,
+// %lu, %lld, %zd, %zu, %08X and %%. The format of a message is checked against its arguments when
+// the program is compiled, and nothing is formatted for a message that nobody will read: the
+// arguments are only referred to until `format` is called.
 
 namespace pallion {
 
-// Textual descriptions. Every type that can stand for "%@" has an overload of appendDescription in this namespace.
+// Textual descriptions. Every type that can stand for "%@" has an overload of appendDescription in
+// this namespace.
 inline void appendDescription(std::string& out, std::string_view text) { out += text; }
 inline void appendDescription(std::string& out, const std::string& text) { out += text; }
 inline void appendDescription(std::string& out, const char* text) { out += text ? text : "(null)"; }
 
+// An absent object prints as "(null)", a list as "(first, second)".
 template <class T>
-concept Describable = requires(std::string& out, const T& object) { appendDescription(out, object); };
+void appendDescription(std::string& out, const std::optional<T>& object);
+template <class T>
+void appendDescription(std::string& out, const std::vector<T>& list);
 
-// An absent object prints as "(null)".
-template <Describable T>
+template <class T>
+concept Describable = requires(std::string& out, const T& object) {
+  appendDescription(out, object);
+};
+
+template <class T>
 void appendDescription(std::string& out, const std::optional<T>& object) {
   if (object) {
     appendDescription(out, *object);
@@ -35,8 +44,7 @@ void appendDescription(std::string& out, const std::optional<T>& object) {
   }
 }
 
-// A list prints as "(first, second)".
-template <Describable T>
+template <class T>
 void appendDescription(std::string& out, const std::vector<T>& list) {
   out += '(';
   for (size_t i = 0; i < list.size(); ++i) {
@@ -62,8 +70,8 @@ class FormatArgument {
   explicit FormatArgument(const T& number) : unsigned_(number) {}
   explicit FormatArgument(const char* const& text) : object_(text), append_(&appendText) {}
   template <class T>
-    requires(Describable<T> && !std::integral<T> && !std::is_pointer_v<std::decay_t<T>>)
-  explicit FormatArgument(const T& object)
+  requires(Describable<T> && !std::integral<T> &&
+           !std::is_pointer_v<std::decay_t<T>>) explicit FormatArgument(const T& object)
       : object_(&object), append_([](std::string& out, const void* pointer) {
           appendDescription(out, *static_cast<const T*>(pointer));
         }) {}
@@ -85,12 +93,24 @@ class FormatArgument {
   void (*append_)(std::string&, const void*) = nullptr;
 };
 
-// Formats at run time. `text` must have been checked by FormatString against arguments of these types.
+// Formats at run time. `text` must have been checked by FormatString against arguments of these
+// types.
 std::string formatArguments(const char* text, std::span<const FormatArgument> arguments);
 
 namespace detail {
 
-enum class Conversion { kEnd, kObject, kText, kInt, kUnsigned, kLong, kUnsignedLong, kLongLong, kHex8, kBad };
+enum class Conversion {
+  kEnd,
+  kObject,
+  kText,
+  kInt,
+  kUnsigned,
+  kLong,
+  kUnsignedLong,
+  kLongLong,
+  kHex8,
+  kBad
+};
 
 // Reads the next conversion of `text` and leaves `text` behind it. Text before it is skipped.
 constexpr Conversion nextConversion(const char*& text, const char*& literalEnd) {
@@ -106,10 +126,11 @@ constexpr Conversion nextConversion(const char*& text, const char*& literalEnd) 
       Conversion conversion;
     };
     constexpr Spelling kSpellings[] = {
-        {"@", Conversion::kObject},      {"s", Conversion::kText},          {"d", Conversion::kInt},
-        {"u", Conversion::kUnsigned},    {"ld", Conversion::kLong},         {"lu", Conversion::kUnsignedLong},
-        {"lld", Conversion::kLongLong},  {"zd", Conversion::kLong},         {"zu", Conversion::kUnsignedLong},
-        {"08X", Conversion::kHex8},
+        {"@", Conversion::kObject},        {"s", Conversion::kText},
+        {"d", Conversion::kInt},           {"u", Conversion::kUnsigned},
+        {"ld", Conversion::kLong},         {"lu", Conversion::kUnsignedLong},
+        {"lld", Conversion::kLongLong},    {"zd", Conversion::kLong},
+        {"zu", Conversion::kUnsignedLong}, {"08X", Conversion::kHex8},
     };
     ++text;
     for (const Spelling& spelling : kSpellings) {
@@ -129,18 +150,27 @@ constexpr Conversion nextConversion(const char*& text, const char*& literalEnd) 
 template <class T>
 constexpr bool accepts(Conversion conversion) {
   using U = std::remove_cvref_t<T>;
-  constexpr bool kIsText = std::is_convertible_v<const U&, const char*> || std::is_same_v<U, std::string>;
+  constexpr bool kIsText =
+      std::is_convertible_v<const U&, const char*> || std::is_same_v<U, std::string>;
   switch (conversion) {
-    case Conversion::kObject: return Describable<U> && !std::integral<U>;
-    case Conversion::kText: return kIsText;
-    case Conversion::kInt: return std::is_same_v<U, int>;
+    case Conversion::kObject:
+      return Describable<U> && !std::integral<U>;
+    case Conversion::kText:
+      return kIsText;
+    case Conversion::kInt:
+      return std::is_same_v<U, int>;
     case Conversion::kUnsigned:
-    case Conversion::kHex8: return std::is_same_v<U, unsigned>;
-    case Conversion::kLong: return std::is_same_v<U, long>;
-    case Conversion::kUnsignedLong: return std::is_same_v<U, unsigned long>;
-    case Conversion::kLongLong: return std::is_same_v<U, long long>;
+    case Conversion::kHex8:
+      return std::is_same_v<U, unsigned>;
+    case Conversion::kLong:
+      return std::is_same_v<U, long>;
+    case Conversion::kUnsignedLong:
+      return std::is_same_v<U, unsigned long>;
+    case Conversion::kLongLong:
+      return std::is_same_v<U, long long>;
     case Conversion::kEnd:
-    case Conversion::kBad: return false;
+    case Conversion::kBad:
+      return false;
   }
   return false;
 }
@@ -151,15 +181,18 @@ void messageFormatDoesNotFitItsArguments();
 }  // namespace detail
 
 // A message text, checked while it is compiled against the types of its arguments. Use as
-// `template <class... Args> void f(FormatString<std::type_identity_t<Args>...> text, const Args&... args)`.
+// `template <class... Args> void f(FormatString<std::type_identity_t<Args>...> text, const Args&...
+// args)`.
 template <class... Args>
 class FormatString {
  public:
-  // NOLINTNEXTLINE(google-explicit-constructor): a literal is meant to turn into a checked format by itself.
+  // NOLINTNEXTLINE(google-explicit-constructor): a literal is meant to turn into a checked format
+  // by itself.
   consteval FormatString(const char* text) : text_(text) {
     const char* rest = text;
     const char* literalEnd = nullptr;
-    const bool fits = (detail::accepts<Args>(detail::nextConversion(rest, literalEnd)) && ... && true);
+    const bool fits =
+        (detail::accepts<Args>(detail::nextConversion(rest, literalEnd)) && ... && true);
     if (!fits || detail::nextConversion(rest, literalEnd) != detail::Conversion::kEnd) {
       detail::messageFormatDoesNotFitItsArguments();
     }
@@ -170,14 +203,22 @@ class FormatString {
   const char* text_;
 };
 
-template <class... Args>
-std::string format(FormatString<std::type_identity_t<Args>...> text, const Args&... args) {
+// Calls `use` with the arguments as one list, which is valid during the call.
+template <class Use, class... Args>
+auto withArguments(const Use& use, const Args&... args) {
   if constexpr (sizeof...(Args) == 0) {
-    return formatArguments(text.text(), {});
+    return use(std::span<const FormatArgument>());
   } else {
     const FormatArgument arguments[] = {FormatArgument(args)...};
-    return formatArguments(text.text(), arguments);
+    return use(std::span<const FormatArgument>(arguments));
   }
+}
+
+template <class... Args>
+std::string format(FormatString<std::type_identity_t<Args>...> text, const Args&... args) {
+  return withArguments(
+      [&](std::span<const FormatArgument> list) { return formatArguments(text.text(), list); },
+      args...);
 }
 
 }  // namespace pallion

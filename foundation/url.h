@@ -5,11 +5,13 @@
 
 namespace pallion {
 
-// A location: an absolute path and a flag that says whether it names a directory. Immutable value; any thread may use
-// its own copy. Paths are bytes, never decoded or normalised; only slashes at the end are folded into the flag.
+// A location: an absolute path and a flag that says whether it names a directory. Immutable value;
+// any thread may use its own copy. Paths are bytes, never decoded or normalised; only slashes at
+// the end are folded into the flag.
 //
-// A text that is no absolute path, or that holds a NUL, names nothing: it prints as it stands, but its file-system
-// representation is empty, so that every system call answers ENOENT instead of acting on another item.
+// A text that is no absolute path, or that holds a NUL, names nothing: it prints as it stands, but
+// its file-system representation is empty, so that every system call answers ENOENT instead of
+// acting on another item.
 class URL {
  public:
   enum class Kind { kFile, kDirectory };
@@ -30,14 +32,16 @@ class URL {
 
   // Ends in "/" exactly when the location is a directory.
   [[nodiscard]] std::string path() const;
-  // Bytes for system calls, NUL-terminated; never ends in "/" (but for the root itself): with a slash at the end the
-  // kernel would follow a symbolic link there. Lives as long as this object is unchanged.
+  // Bytes for system calls, NUL-terminated; never ends in "/" (but for the root itself): with a
+  // slash at the end the kernel would follow a symbolic link there. Lives as long as this object is
+  // unchanged.
   [[nodiscard]] const char* fileSystemRepresentation() const {
     return representable_ ? path_.c_str() : "";
   }
   // Name of the item, without a slash; of the root "/".
   [[nodiscard]] std::string lastPathComponent() const;
-  // What follows the last "." of the name; empty without one, and for a name that only begins with its ".".
+  // What follows the last "." of the name; empty without one, and for a name that only begins with
+  // its ".".
   [[nodiscard]] std::string pathExtension() const;
   // "file://" and the path, percent-encoded (RFC 3986, section 2.1).
   [[nodiscard]] std::string absoluteString() const;
@@ -51,8 +55,8 @@ class URL {
   bool representable_ = true;
 };
 
-// True for a name that can be joined to a path and stays directly below it: not empty, not "." or "..", without "/"
-// and control characters, and at most 255 bytes (NAME_MAX) long.
+// True for a name that can be joined to a path and stays directly below it: not empty, not "." or
+// "..", without "/" and control characters, and at most 255 bytes (NAME_MAX) long.
 bool isPlainName(std::string_view name);
 
 // What "%@" prints of a location: its file URL.

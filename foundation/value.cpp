@@ -1,11 +1,11 @@
 #include "foundation/value.h"
 
-#include <sys/random.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <sys/random.h>
 #include <variant>
 
 #include "foundation/format.h"
@@ -50,7 +50,8 @@ uint64_t hashBytes(std::string_view bytes) {
     bytes.remove_prefix(sizeof word);
   }
   uint64_t rest = 0;
-  std::memcpy(&rest, bytes.data(), bytes.size());
+  if (!bytes.empty())
+    std::memcpy(&rest, bytes.data(), bytes.size());  // the data of an empty view may be null
   return mix(hash ^ rest, kOdd);
 }
 
@@ -67,13 +68,14 @@ constexpr double kTwoTo64 = 18446744073709551616.0;
 }  // namespace
 
 struct Value::Object {
-  std::variant<std::string, bool, int64_t, uint64_t, double, Bytes, Date, Array, Dictionary, Members> content;
-
-  template <class T>
-  explicit Object(T&& held) : content(std::forward<T>(held)) {}
+  std::variant<std::string, bool, int64_t, uint64_t, double, Bytes, Date, Array, Dictionary,
+               Members>
+      content;
 };
 
-Value Value::string(std::string text) { return Value(std::make_shared<const Object>(std::move(text))); }
+Value Value::string(std::string text) {
+  return Value(std::make_shared<const Object>(std::move(text)));
+}
 Value Value::boolean(bool truth) { return Value(std::make_shared<const Object>(truth)); }
 Value Value::integer(int64_t number) { return Value(std::make_shared<const Object>(number)); }
 Value Value::unsignedInteger(uint64_t number) {
@@ -81,9 +83,13 @@ Value Value::unsignedInteger(uint64_t number) {
   return Value(std::make_shared<const Object>(number));
 }
 Value Value::real(double number) { return Value(std::make_shared<const Object>(number)); }
-Value Value::data(std::string bytes) { return Value(std::make_shared<const Object>(Bytes{std::move(bytes)})); }
+Value Value::data(std::string bytes) {
+  return Value(std::make_shared<const Object>(Bytes{std::move(bytes)}));
+}
 Value Value::date(double seconds) { return Value(std::make_shared<const Object>(Date{seconds})); }
-Value Value::array(Array members) { return Value(std::make_shared<const Object>(std::move(members))); }
+Value Value::array(Array members) {
+  return Value(std::make_shared<const Object>(std::move(members)));
+}
 Value Value::dictionary(Dictionary entries) {
   return Value(std::make_shared<const Object>(std::move(entries)));
 }
@@ -101,8 +107,9 @@ Value Value::set(Array members) {
 Value::Class Value::valueClass() const {
   if (!object_) return Class::kNone;
   // In the order of the variant's alternatives.
-  constexpr Class kClasses[] = {Class::kString, Class::kBoolean, Class::kNumber, Class::kNumber,     Class::kNumber,
-                                Class::kData,   Class::kDate,    Class::kArray,  Class::kDictionary, Class::kSet};
+  constexpr Class kClasses[] = {Class::kString,     Class::kBoolean, Class::kNumber, Class::kNumber,
+                                Class::kNumber,     Class::kData,    Class::kDate,   Class::kArray,
+                                Class::kDictionary, Class::kSet};
   static_assert(std::size(kClasses) == std::variant_size_v<decltype(Object::content)>);
   return kClasses[object_->content.index()];
 }
@@ -119,7 +126,9 @@ const std::string* Value::asData() const {
   const Bytes* held = object_ ? std::get_if<Bytes>(&object_->content) : nullptr;
   return held ? &held->bytes : nullptr;
 }
-const Value::Array* Value::asArray() const { return object_ ? std::get_if<Array>(&object_->content) : nullptr; }
+const Value::Array* Value::asArray() const {
+  return object_ ? std::get_if<Array>(&object_->content) : nullptr;
+}
 const Value::Array* Value::asSet() const {
   const Members* held = object_ ? std::get_if<Members>(&object_->content) : nullptr;
   return held ? &held->members : nullptr;
@@ -139,7 +148,8 @@ std::optional<double> Value::asDate() const {
 int64_t Value::int64Value() const {
   if (!object_) return 0;
   if (const auto* number = std::get_if<int64_t>(&object_->content)) return *number;
-  if (const auto* number = std::get_if<uint64_t>(&object_->content)) return static_cast<int64_t>(*number);
+  if (const auto* number = std::get_if<uint64_t>(&object_->content))
+    return static_cast<int64_t>(*number);
   if (const auto* truth = std::get_if<bool>(&object_->content)) return *truth ? 1 : 0;
   const auto* number = std::get_if<double>(&object_->content);
   if (!number || std::isnan(*number)) return 0;
@@ -163,29 +173,39 @@ double Value::doubleValue() const {
 }
 
 bool Value::isReal() const { return object_ && std::holds_alternative<double>(object_->content); }
-bool Value::isLargeUnsigned() const { return object_ && std::holds_alternative<uint64_t>(object_->content); }
+bool Value::isLargeUnsigned() const {
+  return object_ && std::holds_alternative<uint64_t>(object_->content);
+}
 
 bool operator==(const Value& a, const Value& b) {
   if (a.object_ == b.object_) return true;
   const Value::Class own = a.valueClass();
   if (own != b.valueClass()) return false;
   switch (own) {
-    case Value::Class::kNone: return true;
-    case Value::Class::kString: return *a.asString() == *b.asString();
-    case Value::Class::kBoolean: return a.asBoolean() == b.asBoolean();
+    case Value::Class::kNone:
+      return true;
+    case Value::Class::kString:
+      return *a.asString() == *b.asString();
+    case Value::Class::kBoolean:
+      return a.asBoolean() == b.asBoolean();
     case Value::Class::kNumber:
       if (a.isReal() || b.isReal()) return a.doubleValue() == b.doubleValue();
       return a.isLargeUnsigned() == b.isLargeUnsigned() && a.int64Value() == b.int64Value();
-    case Value::Class::kData: return *a.asData() == *b.asData();
-    case Value::Class::kDate: return a.asDate() == b.asDate();
-    case Value::Class::kArray: return *a.asArray() == *b.asArray();
-    case Value::Class::kDictionary: return *a.asDictionary() == *b.asDictionary();
+    case Value::Class::kData:
+      return *a.asData() == *b.asData();
+    case Value::Class::kDate:
+      return a.asDate() == b.asDate();
+    case Value::Class::kArray:
+      return *a.asArray() == *b.asArray();
+    case Value::Class::kDictionary:
+      return *a.asDictionary() == *b.asDictionary();
     case Value::Class::kSet: {
       const Value::Array& members = *a.asSet();
       if (members.size() != b.asSet()->size()) return false;
       Dictionary others;
       for (const Value& member : *b.asSet()) others.set(member, member);
-      return std::all_of(members.begin(), members.end(), [&](const Value& m) { return bool{others.get(m)}; });
+      return std::all_of(members.begin(), members.end(),
+                         [&](const Value& m) { return bool{others.get(m)}; });
     }
   }
   return false;
@@ -196,12 +216,18 @@ size_t Value::hashOfString(std::string_view text) { return hashBytes(text); }
 size_t Value::hash() const {
   const auto salt = static_cast<uint64_t>(valueClass());
   switch (valueClass()) {
-    case Class::kNone: return 0;
-    case Class::kString: return hashBytes(*asString());
-    case Class::kData: return hashBytes(*asData()) ^ salt;
-    case Class::kBoolean: return hashKey() + (*asBoolean() ? 1U : 2U);
-    case Class::kNumber: return hashNumber(doubleValue());
-    case Class::kDate: return hashNumber(*asDate()) ^ salt;
+    case Class::kNone:
+      return 0;
+    case Class::kString:
+      return hashBytes(*asString());
+    case Class::kData:
+      return hashBytes(*asData()) ^ salt;
+    case Class::kBoolean:
+      return hashKey() + (*asBoolean() ? 1U : 2U);
+    case Class::kNumber:
+      return hashNumber(doubleValue());
+    case Class::kDate:
+      return hashNumber(*asDate()) ^ salt;
     case Class::kArray: {
       uint64_t hash = salt;
       for (const Value& member : *asArray()) hash = mix(hash ^ member.hash(), 0x8EBC6AF09C88C6E3);
@@ -222,7 +248,8 @@ size_t Value::hash() const {
 }
 
 std::string dateText(double seconds) {
-  // Days of 86,400 s from 2001-01-01; the civil calendar by Howard Hinnant's days algorithm, shifted to 0000-03-01.
+  // Days of 86,400 s from 2001-01-01; the civil calendar by Howard Hinnant's days algorithm,
+  // shifted to 0000-03-01.
   constexpr int64_t kDaysTo2001 = 730791;
   constexpr double kYear1 = -63113904000.0;
   constexpr double kYear10000 = 252423993600.0;
@@ -233,7 +260,8 @@ std::string dateText(double seconds) {
   const int64_t shifted = day + kDaysTo2001;
   const int64_t era = shifted / 146097;
   const int64_t dayOfEra = shifted - era * 146097;
-  const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+  const int64_t yearOfEra =
+      (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
   const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
   const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
   const int64_t dayOfMonth = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
@@ -241,8 +269,9 @@ std::string dateText(double seconds) {
   const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
   char text[sizeof "YYYY-MM-DDThh:mm:ssZ" + 16];
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02dZ", static_cast<int>(year),
-                static_cast<int>(month), static_cast<int>(dayOfMonth), static_cast<int>(second / 3600),
-                static_cast<int>(second / 60 % 60), static_cast<int>(second % 60));
+                static_cast<int>(month), static_cast<int>(dayOfMonth),
+                static_cast<int>(second / 3600), static_cast<int>(second / 60 % 60),
+                static_cast<int>(second % 60));
   return text;
 }
 
@@ -277,15 +306,33 @@ void appendData(std::string& out, std::string_view bytes) {
 
 void appendDescription(std::string& out, const Value& value) {
   switch (value.valueClass()) {
-    case Value::Class::kNone: out += "(null)"; return;
-    case Value::Class::kString: out += *value.asString(); return;
-    case Value::Class::kBoolean: out += *value.asBoolean() ? '1' : '0'; return;
-    case Value::Class::kNumber: appendNumber(out, value); return;
-    case Value::Class::kData: appendData(out, *value.asData()); return;
-    case Value::Class::kDate: out += dateText(*value.asDate()); return;
-    case Value::Class::kArray: appendDescription(out, *value.asArray()); return;
-    case Value::Class::kSet: appendDescription(out, *value.asSet()); return;
-    case Value::Class::kDictionary: appendDescription(out, *value.asDictionary()); return;
+    case Value::Class::kNone:
+      out += "(null)";
+      return;
+    case Value::Class::kString:
+      out += *value.asString();
+      return;
+    case Value::Class::kBoolean:
+      out += *value.asBoolean() ? '1' : '0';
+      return;
+    case Value::Class::kNumber:
+      appendNumber(out, value);
+      return;
+    case Value::Class::kData:
+      appendData(out, *value.asData());
+      return;
+    case Value::Class::kDate:
+      out += dateText(*value.asDate());
+      return;
+    case Value::Class::kArray:
+      appendDescription(out, *value.asArray());
+      return;
+    case Value::Class::kSet:
+      appendDescription(out, *value.asSet());
+      return;
+    case Value::Class::kDictionary:
+      appendDescription(out, *value.asDictionary());
+      return;
   }
 }
 

@@ -13,8 +13,8 @@ namespace pallion {
 
 class Dictionary;
 
-// A dynamically typed value: a shared handle to an immutable object of one of the property-list classes or a set, or
-// none. Copying a handle shares the object. Any thread may use its own handle.
+// A dynamically typed value: a shared handle to an immutable object of one of the property-list
+// classes or a set, or none. Copying a handle shares the object. Any thread may use its own handle.
 class Value {
  public:
   enum class Class { kNone, kString, kNumber, kBoolean, kData, kDate, kArray, kDictionary, kSet };
@@ -38,7 +38,8 @@ class Value {
 
   explicit operator bool() const { return object_ != nullptr; }
   [[nodiscard]] Class valueClass() const;
-  // True for a value of that class or of one derived from it: a boolean is a number. None is of no class.
+  // True for a value of that class or of one derived from it: a boolean is a number. None is of no
+  // class.
   [[nodiscard]] bool isKindOfClass(Class k) const;
   // True when both handles share one object, or both are none.
   [[nodiscard]] bool isIdenticalTo(const Value& other) const { return object_ == other.object_; }
@@ -52,8 +53,9 @@ class Value {
   [[nodiscard]] std::optional<bool> asBoolean() const;
   [[nodiscard]] std::optional<double> asDate() const;
 
-  // Numbers, booleans included; of any other class 0. A fraction is cut off, what does not fit is held at the limit
-  // (but a negative number taken as unsigned, and a large one taken as signed, keep their 64 bits).
+  // Numbers, booleans included; of any other class 0. A fraction is cut off, what does not fit is
+  // held at the limit (but a negative number taken as unsigned, and a large one taken as signed,
+  // keep their 64 bits).
   [[nodiscard]] int64_t int64Value() const;
   [[nodiscard]] uint64_t uint64Value() const;
   [[nodiscard]] double doubleValue() const;
@@ -73,8 +75,8 @@ class Value {
   std::shared_ptr<const Object> object_;
 };
 
-// Keys and values in insertion order. Any value can be a key; strings are the ordinary case. Copying it makes a mutable
-// copy that shares the values. Look-up takes constant time.
+// Keys and values in insertion order. Any value can be a key; strings are the ordinary case.
+// Copying it makes a mutable copy that shares the values. Look-up takes constant time.
 class Dictionary {
  public:
   using Entry = std::pair<Value, Value>;
@@ -118,7 +120,9 @@ class Dictionary {
     const Entry* at_;
     const Entry* end_;
   };
-  [[nodiscard]] Iterator begin() const { return {entries_.data(), entries_.data() + entries_.size()}; }
+  [[nodiscard]] Iterator begin() const {
+    return {entries_.data(), entries_.data() + entries_.size()};
+  }
   [[nodiscard]] Iterator end() const {
     const Entry* end = entries_.data() + entries_.size();
     return {end, end};
@@ -135,17 +139,20 @@ class Dictionary {
   bool removeAt(size_t position);
   void rebuildIndex(size_t slots);
 
-  std::vector<Entry> entries_;    // a removed entry has no key
-  std::vector<uint32_t> slots_;   // open addressing by hash: position + 1, 0 for free; none while there are few entries
+  std::vector<Entry> entries_;   // a removed entry has no key
+  std::vector<uint32_t> slots_;  // open addressing by hash: position + 1, 0 for free; none while
+                                 // there are few entries
   size_t count_ = 0;
 };
 
-// "%@": text as it is, numbers in decimal, data as <hexadecimal>, dates as RFC 3339, lists as "(a, b)", dictionaries as
+// "%@": text as it is, numbers in decimal, data as <hexadecimal>, dates as RFC 3339, lists as "(a,
+// b)", dictionaries as
 // "{key = value; key = value}", none as "(null)".
 void appendDescription(std::string& out, const Value& value);
 void appendDescription(std::string& out, const Dictionary& dictionary);
 
-// Seconds since 2001-01-01 UTC as "YYYY-MM-DDThh:mm:ssZ", whole seconds rounded down. Years 1 to 9999; empty otherwise.
+// Seconds since 2001-01-01 UTC as "YYYY-MM-DDThh:mm:ssZ", whole seconds rounded down. Years 1 to
+// 9999; empty otherwise.
 std::string dateText(double seconds);
 
 }  // namespace pallion

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "configuration/global_configuration.h"
+#include "foundation/url.h"
+#include "foundation/value.h"
+#include "platform/bundle.h"
+#include "platform/migration_plugin.h"
+
+namespace pallion {
+
+// Carries every user-installed application from the old layout into the new one. The host makes
+// one, calls `init`, and `performMigration` once; everything below runs synchronously on that
+// thread. `migrationProgress` and `estimatedDuration` may be asked from any thread once `init` has
+// returned.
+//
+// User data stands in the old place or in the new one, whole, at every instant; a run that was
+// interrupted is repeated by the next one over what is left. Private operations log their own
+// failures and answer whether they succeeded.
+class PLAppMigrator : public MigrationPluginBase {
+ public:
+  explicit PLAppMigrator(
+      const PLGlobalConfiguration& configuration = PLGlobalConfiguration::sharedInstance());
+
+  // Takes the inventory and loads the maps. An old containers directory that holds nothing but
+  // symbolic links is removed at once, together with the old install map. False when that directory
+  // exists but can't be listed.
+  bool init() override;
+  std::string dataClassName() override;
+  // 20, and 2.25 for each item of the inventory.
+  float estimatedDuration() override;
+  // Items dealt with as a fraction of the inventory; 0.5 without an inventory.
+  float migrationProgress() override;
+  // True when every container, every safe harbor and the data-protection update succeeded and
+  // nothing is left behind.
+  bool performMigration() override;
+
+ private:
+  // migration_run.cpp
+  bool migrateContainers();
+  bool removeOldLayoutIfEmpty(bool result);
+
+  // introspection.cpp: what one item of the old containers directory is. Nothing for an item that
+  // is not to be migrated in this run: rubbish, which is removed, or what can't be judged, which is
+  // left alone.
+  std::optional<Dictionary> _introspectContainer(const URL& container, bool& orderResultEarly);
+  // `unreadable` becomes true when the file may be whole but could not be read.
+  std::optional<Dictionary> _loadAndValidateMigrationMarkerAtURL(const URL& marker,
+                                                                 bool& unreadable);
+  enum class IdentifierState { kFound, kNone, kUnreadable };
+  IdentifierState _bundleIdentifierForBundle(const URL& bundle, std::string& identifier);
+
+  // container.cpp
+  bool _migrateContainerWithInfo(const Dictionary& info);
+
+  // data_container.cpp
+  bool _migrateDataContainerForIdentifier(const std::string& identifier, const URL& fromURL,
+                                          const URL& toURL);
+  bool _containerHasMissedItems(const URL& container, const std::string& identifier);
+
+  // bundle_installation.cpp
+  bool _stageAndInstallBundleAtURL(const URL& bundle, const std::string& identifier,
+                                   const std::optional<URL>& vpnPlugin, const URL& container);
+
+  // placeholder.cpp
+  bool _stageAndInstallPlaceholderForBundleAtURL(const URL& bundle, const std::string& identifier,
+                                                 const URL& container);
+  bool buildAndInstallPlaceholder(const URL& placeholder, const URL& bundle,
+                                  const std::string& identifier, const URL& container);
+  bool _writeIconForBundle(QXBundle& bundle, const URL& toURL);
+
+  // group_containers.cpp
+  bool _migrateGroupContainersForIdentifier(const std::string& identifier);
+  // False when the old container could not be listed, or when an item could not be moved and the
+  // rest must stay.
+  bool _moveAllItemsInGroupContainerURL(const URL& fromURL, const URL& toGroupContainerURL);
+
+  // safe_harbors.cpp
+  [[nodiscard]] URL safeHarborMapURL() const;
+  bool _migrateSafeHarbors();
+
+  const PLGlobalConfiguration& configuration_;
+  std::atomic<uint64_t> _countItemsMigrated = 0;
+  std::optional<std::vector<URL>> _itemsToMigrate;
+  std::optional<Dictionary> _installMap;
+  std::optional<Dictionary> _harborMap;
+  std::optional<Dictionary> _groupContainerMap;
+};
+
+}  // namespace pallion

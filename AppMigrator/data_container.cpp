@@ -1,0 +1,50 @@
+#include "AppMigrator/app_migrator.h"
+#include "AppMigrator/container_info.h"
+#include "AppMigrator/migrator_log.h"
+#include "file_operations/file_manager.h"
+#include "platform/set_aside.h"
+
+namespace pallion {
+
+bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
+                                                       const URL& fromURL, const URL& toURL) {
+  constexpr char kFunction[] = "-[PLAppMigrator _migrateDataContainerForIdentifier:fromURL:toURL:]";
+  const PLFileManager& files = PLFileManager::defaultManager();
+  for (const std::string& name : configuration_.appUserDataItemNames()) {
+    const URL source = fromURL.appending(name, URL::Kind::kDirectory);
+    const URL destination = toURL.appending(name, URL::Kind::kDirectory);
+    if (!files.itemExistsAtURL(source)) continue;
+    // The old item replaces the installer's as a whole; a removal that failed shows in the move.
+    files.removeItemAtURL(destination, nullptr);
+    Error error;
+    if (!files.moveItemIfExistsAtURL(source, destination, &error)) {
+      logError(kFunction, "PLAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", source,
+               destination, identifier, error);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool PLAppMigrator::_containerHasMissedItems(const URL& container, const std::string& identifier) {
+  constexpr char kFunction[] = "-[PLAppMigrator _containerHasMissedItems:withIdentifier:]";
+  Error error;
+  std::optional<std::vector<URL>> items =
+      PLFileManager::defaultManager().urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (!items) {
+    logError(kFunction, "PLAppMigrator: Failed to enumerate container %@ for %@ : %@",
+             container.path(), identifier, error);
+    return true;
+  }
+  std::erase_if(*items, [](const URL& item) {
+    const std::string name = item.lastPathComponent();
+    return name == kMigrationMarkerName || name == "com.orlix.pallion.migration_marker" ||
+           name == "com.orlix.pallion.placeholder" || isSetAsideName(name);
+  });
+  if (items->empty()) return false;
+  logError(kFunction, "PLAppMigrator: Found missed items in %@ for %@: %@", container.path(),
+           identifier, *items);
+  return true;
+}
+
+}  // namespace pallion

@@ -1,0 +1,88 @@
+#include "AppMigrator/app_migrator.h"
+#include "AppMigrator/migrator_log.h"
+#include "file_operations/file_manager.h"
+#include "platform/app_workspace.h"
+#include "platform/set_aside.h"
+
+namespace pallion {
+
+bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& identifier) {
+  constexpr char kFunction[] = "-[PLAppMigrator _migrateGroupContainersForIdentifier:]";
+  if (!_groupContainerMap || _groupContainerMap->empty()) return true;
+  const PLFileManager& files = PLFileManager::defaultManager();
+  const std::optional<BundleProxy> proxy = BundleProxy::bundleProxyForIdentifier(identifier);
+  if (!proxy) {
+    logError(kFunction, "PLAppMigrator: Failed to get bundle proxy for %@", identifier);
+    return false;
+  }
+  if (!proxy->groupContainerURLs()) {
+    logError(kFunction, "PLAppMigrator: Failed to get group container URLs for installed %@",
+             identifier);
+    return false;
+  }
+  if (proxy->groupContainerURLs()->empty()) {
+    logNotice(kFunction, "PLAppMigrator: No group containers to migrate for %@", identifier);
+    return true;
+  }
+
+  for (const auto& [group, newURL] : *proxy->groupContainerURLs()) {
+    const Value entry = _groupContainerMap->get(group);
+    if (!entry.asDictionary()) {
+      logNotice(kFunction, "PLAppMigrator: No group container entry to migrate for %@[%@]",
+                identifier, group);
+      continue;
+    }
+    const std::string* path = entry.asDictionary()->getString("Container");
+    if (!path) {
+      logNotice(kFunction, "PLAppMigrator: Failed to get path to group container for %@[%@]",
+                identifier, group);
+      continue;
+    }
+    const URL oldURL = URL::fileURL(*path, URL::Kind::kDirectory);
+    if (!files.itemExistsAtURL(oldURL)) {
+      logError(kFunction, "PLAppMigrator: Missing source group container at %@", oldURL.path());
+      continue;
+    }
+    logNotice(kFunction, "PLAppMigrator: Migrating group container %@ at %@ to %@", group, oldURL,
+              newURL);
+    if (!_moveAllItemsInGroupContainerURL(oldURL, newURL)) continue;
+    _groupContainerMap->remove(group);
+    Error error;
+    if (!files.removeItemAtURL(oldURL, &error)) {
+      logError(kFunction, "PLAppMigrator: Failed to remove old group container at %@ : %@",
+               oldURL.path(), error);
+    }
+  }
+  return true;
+}
+
+bool PLAppMigrator::_moveAllItemsInGroupContainerURL(const URL& fromURL,
+                                                     const URL& toGroupContainerURL) {
+  constexpr char kFunction[] =
+      "-[PLAppMigrator _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
+  const PLFileManager& files = PLFileManager::defaultManager();
+  Error error;
+  const std::optional<std::vector<URL>> items =
+      files.urlsForItemsInDirectoryAtURL(fromURL, false, &error);
+  if (!items) {
+    logError(kFunction, "PLAppMigrator: Failed to get all urls in source group container %@ : %@",
+             fromURL.path(), error);
+    return false;
+  }
+  bool allMoved = true;
+  for (const URL& item : *items) {
+    const std::string name = item.lastPathComponent();
+    if (isSetAsideName(name))
+      continue;  // carried over by an interrupted run; goes with the container
+    const URL destination = toGroupContainerURL.appending(name, URL::Kind::kFile);
+    files.removeItemAtURL(destination, nullptr);
+    if (!files.moveItemIfExistsAtURL(item, destination, &error)) {
+      logError(kFunction, "PLAppMigrator: Failed to move item %@ to %@ : %@", item.path(),
+               destination.path(), error);
+      allMoved = false;
+    }
+  }
+  return allMoved;
+}
+
+}  // namespace pallion

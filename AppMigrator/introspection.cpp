@@ -1,0 +1,197 @@
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+#include "AppMigrator/app_migrator.h"
+#include "AppMigrator/container_info.h"
+#include "AppMigrator/migrator_log.h"
+#include "file_operations/file_manager.h"
+#include "foundation/property_list.h"
+#include "platform/set_aside.h"
+
+namespace pallion {
+
+namespace {
+
+constexpr char kFunction[] = "-[PLAppMigrator _introspectContainer:orderResultEarly:]";
+
+// Lists the container. Without a list the item is no container to migrate; a plain file is removed.
+std::optional<std::vector<URL>> listContainer(const URL& container) {
+  const PLFileManager& files = PLFileManager::defaultManager();
+  Error error;
+  std::optional<std::vector<URL>> entries =
+      files.urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (entries) return entries;
+  if (error.isPOSIX(ENOTDIR)) {
+    logError(kFunction, "PLAppMigrator: Found regular file at %@ ; removing", container.path());
+    files.removeItemAtURL(container, nullptr);
+  } else if (error.isPOSIX(ENOENT)) {
+    logNotice(
+        kFunction,
+        "PLAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with palliond)",
+        container.path());
+  } else {
+    logError(kFunction, "PLAppMigrator: Failed to get URLs in container %@ : %@", container.path(),
+             error);
+  }
+  return std::nullopt;
+}
+
+// Finishes what an interrupted move left behind: its content stands in the new layout already.
+void sweepItemsSetAside(std::vector<URL>& entries) {
+  std::erase_if(entries, [](const URL& entry) {
+    if (!isSetAsideName(entry.lastPathComponent())) return false;
+    PLFileManager::defaultManager().removeItemAtURL(entry, nullptr);
+    return true;
+  });
+}
+
+}  // namespace
+
+std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& container,
+                                                              bool& orderResultEarly) {
+  std::optional<std::vector<URL>> entries = listContainer(container);
+  if (!entries) return std::nullopt;
+  sweepItemsSetAside(*entries);
+
+  // None once a marker was met that can't be used: then nothing is recorded any more.
+  std::optional<Dictionary> info = Dictionary{{kContainerPathKey, Value::string(container.path())}};
+  std::optional<URL> application;
+  std::optional<URL> vpnPlugin;
+  bool unreadable = false;
+  const auto record = [&](const URL& bundle, std::string_view type, const std::string& identifier) {
+    orderResultEarly = type == kContainerTypeApp;
+    if (!info) return;
+    info->set(kBundlePathKey, Value::string(bundle.path()));
+    info->set(kContainerTypeKey, Value::string(std::string(type)));
+    info->set(kBundleIdentifierKey, Value::string(identifier));
+  };
+
+  for (const URL& entry : *entries) {
+    struct stat status {};
+    if (lstat(entry.fileSystemRepresentation(), &status) != 0) {
+      logError(kFunction, "PLAppMigrator: Failed to stat path %s : %s",
+               entry.fileSystemRepresentation(), std::strerror(errno));
+      return std::nullopt;
+    }
+    const bool isLink = S_ISLNK(status.st_mode);
+    const std::string extension = entry.pathExtension();
+    std::string identifier;
+
+    if (extension == "app") {
+      if (isLink) {
+        logError(kFunction, "PLAppMigrator: Skipping container with app symlink at %@",
+                 entry.path());
+        return std::nullopt;
+      }
+      logNotice(kFunction, "PLAppMigrator: Found app %@", entry.path());
+      const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
+      if (state != IdentifierState::kFound) {
+        logError(kFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
+                 entry.path());
+        unreadable |= state == IdentifierState::kUnreadable;
+        continue;
+      }
+      application = entry;
+      record(entry, kContainerTypeApp, identifier);
+    } else if (extension == "vpnplugin") {
+      logNotice(kFunction, "PLAppMigrator: Found vpn plugin %@", entry.path());
+      if (isLink) {
+        logError(kFunction, "PLAppMigrator: VPN plugin was symlink; skipping container %@",
+                 entry.path());
+        return std::nullopt;
+      }
+      const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
+      if (state == IdentifierState::kUnreadable) {
+        logError(kFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
+                 entry.path());
+        unreadable = true;
+      }
+      if (state != IdentifierState::kFound) continue;
+      vpnPlugin = entry;
+      if (!application) record(entry, kContainerTypeVPNBundle, identifier);
+    } else if (entry.lastPathComponent() == kMigrationMarkerName) {
+      logNotice(kFunction, "PLAppMigrator: Found migration marker %@", entry.path());
+      if (isLink) {
+        logError(kFunction, "PLAppMigrator: Migration marker was symlink; skipping container %@",
+                 entry.path());
+        return std::nullopt;
+      }
+      bool unreadableMarker = false;
+      info = _loadAndValidateMigrationMarkerAtURL(entry, unreadableMarker);
+      if (info) {
+        orderResultEarly = *info->getString(kContainerTypeKey) == kContainerTypeApp;
+        return info;
+      }
+      logError(kFunction, "PLAppMigrator: Failed to load migration marker file from %@", entry);
+      unreadable |= unreadableMarker;
+    }
+  }
+
+  // What is there but can't be read just now is not absent.
+  if (unreadable) return std::nullopt;
+  if (!application && !vpnPlugin) {
+    logError(kFunction, "PLAppMigrator: No app or vpn bundle found in container %@ ; removing it",
+             container.path());
+    PLFileManager::defaultManager().removeItemAtURL(container, nullptr);
+    return std::nullopt;
+  }
+  if (info && application && vpnPlugin) {
+    info->set(kSecondBundlePathKey, Value::string(vpnPlugin->path()));
+  }
+  return info;
+}
+
+std::optional<Dictionary> PLAppMigrator::_loadAndValidateMigrationMarkerAtURL(const URL& marker,
+                                                                              bool& unreadable) {
+  constexpr char kFunction[] = "-[PLAppMigrator _loadAndValidateMigrationMarkerAtURL:]";
+  int errorNumber = 0;
+  std::optional<Dictionary> info = readDictionaryFile(marker, &errorNumber);
+  if (!info) {
+    unreadable = isReadFailure(errorNumber);
+    logError(kFunction, "PLAppMigrator: Failed to load migration marker file from %@", marker);
+    return std::nullopt;
+  }
+  if (!info->getString(kBundlePathKey)) {
+    logError(kFunction, "PLAppMigrator: Failed to get bundle path from migration marker file %@",
+             marker.path());
+    return std::nullopt;
+  }
+  if (!info->getString(kContainerTypeKey)) {
+    logError(kFunction, "PLAppMigrator: Failed to get container type from migration marker file %@",
+             marker.path());
+    return std::nullopt;
+  }
+  if (!info->getString(kContainerPathKey)) {
+    logError(kFunction, "PLAppMigrator: Failed to get container path from migration marker file %@",
+             marker.path());
+    return std::nullopt;
+  }
+  if (!info->getString(kBundleIdentifierKey)) {
+    logError(kFunction,
+             "PLAppMigrator: Failed to get container bundle ID from migration marker file %@",
+             marker.path());
+    return std::nullopt;
+  }
+  const Value second = info->get(kSecondBundlePathKey);
+  if (second && !second.asString()) {
+    logError(kFunction, "PLAppMigrator: Second bundle path was not a string: %@", second);
+    return std::nullopt;
+  }
+  return info;
+}
+
+PLAppMigrator::IdentifierState PLAppMigrator::_bundleIdentifierForBundle(const URL& bundle,
+                                                                         std::string& identifier) {
+  const std::unique_ptr<QXBundle> object = QXBundle::bundleWithURL(bundle);
+  if (!object) return IdentifierState::kNone;
+  std::optional<std::string> found = object->identifier();
+  if (found) {
+    identifier = std::move(*found);
+    return IdentifierState::kFound;
+  }
+  return object->infoState() == QXBundle::InfoState::kUnreadable ? IdentifierState::kUnreadable
+                                                                 : IdentifierState::kNone;
+}
+
+}  // namespace pallion

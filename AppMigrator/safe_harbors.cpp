@@ -1,0 +1,53 @@
+#include "AppMigrator/app_migrator.h"
+#include "AppMigrator/migrator_log.h"
+#include "file_operations/file_manager.h"
+#include "foundation/error.h"
+#include "platform/installer_service.h"
+
+namespace pallion {
+
+namespace {
+
+// The installer service's number for a container of an application's data.
+constexpr int kHarborContainerType = 2;
+
+}  // namespace
+
+URL PLAppMigrator::safeHarborMapURL() const {
+  return configuration_.oldDataDirectoryPath().appending("SafeHarbor.plist", URL::Kind::kFile);
+}
+
+bool PLAppMigrator::_migrateSafeHarbors() {
+  constexpr char kFunction[] = "-[PLAppMigrator _migrateSafeHarbors]";
+  if (!_harborMap) return true;
+  bool result = true;
+  for (const auto& [key, entry] : *_harborMap) {
+    const std::string* identifier = key.asString();
+    if (!identifier) {
+      logError(kFunction, "PLAppMigrator: Identifier in harbor map was not string; skipping");
+      continue;
+    }
+    if (!entry.asDictionary()) {
+      logError(kFunction, "PLAppMigrator: Failed to get harbor info for identifier %@", key);
+      continue;
+    }
+    const std::string* path = entry.asDictionary()->getString("HarborPathKey");
+    if (!path) {
+      logError(kFunction, "PLAppMigrator: Failed to get harbor path from harbor entry for %@ : %@",
+               key, entry);
+      continue;
+    }
+    logNotice(kFunction, "PLAppMigrator: Migrating safe harbor for %@ at %@", key, *path);
+    if (PallionRegisterSafeHarborForContainerType(*path, *identifier, kHarborContainerType,
+                                                  nullptr) == 0) {
+      logError(kFunction,
+               "PLAppMigrator: Failed to migrate safe harbor for identifier %@ at %@ : %@", key,
+               *path, Error());
+      result = false;
+    }
+  }
+  if (result) PLFileManager::defaultManager().removeItemAtURL(safeHarborMapURL(), nullptr);
+  return result;
+}
+
+}  // namespace pallion
