@@ -3,6 +3,7 @@
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/install_options.h"
 #include "AppMigrator/migrator_log.h"
+#include "file_operations/error_makers.h"
 #include "file_operations/file_manager.h"
 #include "platform/app_workspace.h"
 
@@ -19,7 +20,8 @@ bool moveIntoPayload(const URL& bundle, const URL& payload, URL& destination, Er
   const std::string name = bundle.lastPathComponent();
   destination = payload.appending(name, URL::Kind::kDirectory);
   if (name == "." || name == ".." || name == "/") {
-    error = Error(kPOSIXErrorDomain, EINVAL);
+    error = _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, EINVAL, "\"%@\" is no plain name",
+                         name);
     return false;
   }
   return PLFileManager::defaultManager().moveItemIfExistsAtURL(bundle, destination, &error);

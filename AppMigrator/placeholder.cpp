@@ -1,8 +1,10 @@
 #include <cerrno>
+#include <cstring>
 
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/install_options.h"
 #include "AppMigrator/migrator_log.h"
+#include "file_operations/error_makers.h"
 #include "file_operations/file_manager.h"
 #include "foundation/property_list.h"
 #include "platform/app_workspace.h"
@@ -23,7 +25,8 @@ std::optional<std::string> readStoreMetadata(const URL& url) {
   std::optional<std::string> bytes = readFile(url, &errorNumber, FileCache::kBypass);
   if (!bytes && errorNumber != ENOENT) {
     logError(kFunction, "PLAppMigrator: Failed to read %@ : %@", url.path(),
-             Error(kPOSIXErrorDomain, errorNumber));
+             _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, errorNumber, "%s",
+                          std::strerror(errorNumber)));
   }
   return bytes;
 }
@@ -50,7 +53,11 @@ bool PLAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const URL& bundle,
   // The identifier comes from a file of the application; only as a plain name it stays below the
   // parent.
   const bool plain = isPlainName(identifier);
-  Error error = plain ? Error() : Error(kPOSIXErrorDomain, EINVAL);
+  Error error;
+  if (!plain) {
+    error = _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, EINVAL, "\"%@\" is no plain name",
+                         identifier);
+  }
   if (!plain || !files.createDirectoryAtURL(placeholder, true, 0755, &error)) {
     logError(kFunction, "PLAppMigrator: Failed to create staged placeholder directory at %@ : %@",
              placeholder.path(), error);
@@ -129,8 +136,9 @@ bool PLAppMigrator::_writeIconForBundle(QXBundle& bundle, const URL& toURL) {
     return false;
   }
   if (const int number = writeFileAtomically(toURL, buffer, Durability::kNotSynced); number != 0) {
-    logError(kFunction, "PLAppMigrator: Failed to write image data to %@ : %@", toURL,
-             Error(kPOSIXErrorDomain, number));
+    logError(
+        kFunction, "PLAppMigrator: Failed to write image data to %@ : %@", toURL,
+        _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, number, "%s", std::strerror(number)));
     return false;
   }
   return true;

@@ -1,13 +1,16 @@
 option(PALLION_TESTS "Build the tests" ON)
 option(PALLION_BENCHMARKS "Build the benchmarks" OFF)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
+endif()
 set(PALLION_SANITIZE "" CACHE STRING "Sanitizers: 'address,undefined', 'thread' or none")
 
 # Warnings, visibility and hardening that every target of ours is built with.
 function(pallion_target target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
-    -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Wnull-dereference
-    -fstack-protector-strong -fno-plt)
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef
+    -fstack-protector-strong -fstack-clash-protection -fno-plt)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS _FILE_OFFSET_BITS=64)
   # An object inside the tree is named without the path of the machine that built it.
@@ -22,6 +25,6 @@ function(pallion_target target)
     # Fortification and the sanitizers' interceptors exclude each other.
     target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
   endif()
-  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,defs
     $<$<STREQUAL:$<TARGET_PROPERTY:${target},TYPE>,EXECUTABLE>:-pie>)
 endfunction()

@@ -4,8 +4,8 @@
 
 #include "foundation/value.h"
 
-// The texts of scalar elements in XML property lists; not for use outside the reader. White space around a text is
-// allowed. Each answers none for a text that is no such value.
+// The texts of scalar elements in XML property lists; not for use outside the reader. White space
+// around a text is allowed. Each answers none for a text that is no such value.
 
 namespace pallion::detail {
 

@@ -39,9 +39,10 @@ URL URL::appending(std::string_view relative, Kind kind) const {
 }
 
 URL URL::appendingPathExtension(std::string_view extension) const {
-  URL url = *this;
-  url.path_ += '.';
-  url.path_ += extension;
+  std::string extended = path_;
+  extended.append(".").append(extension);
+  URL url = fileURL(extended, directory_ ? Kind::kDirectory : Kind::kFile);
+  url.representable_ = url.representable_ && representable_;
   return url;
 }
 

@@ -1,6 +1,7 @@
 #include "foundation/value.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -71,6 +72,7 @@ struct Value::Object {
   std::variant<std::string, bool, int64_t, uint64_t, double, Bytes, Date, Array, Dictionary,
                Members>
       content;
+  mutable std::atomic<size_t> containerHash{0};  // 0 until somebody asks for it
 };
 
 Value Value::string(std::string text) {
@@ -228,23 +230,31 @@ size_t Value::hash() const {
       return hashNumber(doubleValue());
     case Class::kDate:
       return hashNumber(*asDate()) ^ salt;
-    case Class::kArray: {
-      uint64_t hash = salt;
-      for (const Value& member : *asArray()) hash = mix(hash ^ member.hash(), 0x8EBC6AF09C88C6E3);
-      return hash;
-    }
-    case Class::kSet: {
-      uint64_t hash = salt;  // without order
-      for (const Value& member : *asSet()) hash += member.hash();
-      return hash;
-    }
+    case Class::kArray:
+    case Class::kSet:
     case Class::kDictionary: {
-      uint64_t hash = salt;
-      for (const auto& [key, value] : *asDictionary()) hash += mix(key.hash(), value.hash() | 1);
+      // Any thread may be the first to ask; all of them find the same.
+      size_t hash = object_->containerHash.load(std::memory_order_relaxed);
+      if (hash == 0) {
+        hash = hashOfContainer();
+        object_->containerHash.store(hash, std::memory_order_relaxed);
+      }
       return hash;
     }
   }
   return 0;
+}
+
+size_t Value::hashOfContainer() const {
+  auto hash = static_cast<uint64_t>(valueClass());
+  if (const Array* members = asArray()) {
+    for (const Value& member : *members) hash = mix(hash ^ member.hash(), 0x8EBC6AF09C88C6E3);
+  } else if (const Array* set = asSet()) {
+    for (const Value& member : *set) hash += member.hash();  // without order
+  } else if (const Dictionary* entries = asDictionary()) {
+    for (const auto& [key, value] : *entries) hash += mix(key.hash(), value.hash() | 1);
+  }
+  return hash;
 }
 
 std::string dateText(double seconds) {

@@ -71,6 +71,7 @@ class Value {
 
  private:
   struct Object;
+  [[nodiscard]] size_t hashOfContainer() const;
   explicit Value(std::shared_ptr<const Object> object) : object_(std::move(object)) {}
   std::shared_ptr<const Object> object_;
 };
@@ -132,16 +133,24 @@ class Dictionary {
   friend bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
+  struct Slot {
+    uint32_t position = 0;  // in entries_, plus 1; 0 for a free slot
+    uint32_t hash = 0;      // its upper half
+  };
+
+  // Positions in entries_. `hash` is the key's; it counts only while there is an index.
   template <class Equals>
-  [[nodiscard]] size_t find(size_t hash, const Equals& equals) const;
+  [[nodiscard]] size_t locate(size_t hash, const Equals& equals) const;
+  [[nodiscard]] size_t find(const Value& key, size_t hash) const;
+  [[nodiscard]] size_t find(std::string_view key, size_t hash) const;
   [[nodiscard]] size_t find(const Value& key) const;
   [[nodiscard]] size_t find(std::string_view key) const;
   bool removeAt(size_t position);
+  void addToIndex(size_t position, size_t hash);
   void rebuildIndex(size_t slots);
 
-  std::vector<Entry> entries_;   // a removed entry has no key
-  std::vector<uint32_t> slots_;  // open addressing by hash: position + 1, 0 for free; none while
-                                 // there are few entries
+  std::vector<Entry> entries_;  // a removed entry has no key
+  std::vector<Slot> slots_;     // open addressing by hash; none while there are few entries
   size_t count_ = 0;
 };
 

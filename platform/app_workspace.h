@@ -12,12 +12,13 @@
 #include "foundation/url.h"
 #include "foundation/value.h"
 
-// The platform application registry, as its clients see it: what is installed and where, and the installation of staged
-// bundles.
+// The platform application registry, as its clients see it: what is installed and where, and the
+// installation of staged bundles.
 
 namespace pallion {
 
-// Keys and values of the install options. The bundle-identifier key is kQXBundleIdentifier (platform/bundle.h).
+// Keys and values of the install options. The bundle-identifier key is kQXBundleIdentifier
+// (platform/bundle.h).
 inline constexpr std::string_view kAppInstallTypeKey = "AppInstallType";
 inline constexpr std::string_view kAppPackageTypeKey = "PackageType";
 inline constexpr std::string_view kAppPackageTypeCustomer = "Customer";
@@ -37,21 +38,26 @@ class BundleProxy {
     bool placeholder = false;
     bool builtIn = false;
     std::string version;
-    // Group identifiers and their containers, sorted by identifier; nothing when the registry could not tell.
+    // Group identifiers and their containers, sorted by identifier; nothing when the registry could
+    // not tell.
     std::optional<std::vector<std::pair<std::string, URL>>> groupContainerURLs;
   };
 
   explicit BundleProxy(Record record) : record_(std::move(record)) {}
 
-  // The record for an identifier, made on first request; nothing for an identifier that is no plain name, and when the
-  // registry fails. Asks AppWorkspace::defaultWorkspace().
+  // The record for an identifier, made on first request; nothing for an identifier that is no plain
+  // name, and when the registry fails. Asks AppWorkspace::defaultWorkspace().
   static std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier);
 
   [[nodiscard]] const std::string& bundleIdentifier() const { return record_.bundleIdentifier; }
   [[nodiscard]] const std::string& bundleType() const { return record_.bundleType; }
   [[nodiscard]] const std::optional<URL>& bundleURL() const { return record_.bundleURL; }
-  [[nodiscard]] const std::optional<URL>& bundleContainerURL() const { return record_.bundleContainerURL; }
-  [[nodiscard]] const std::optional<URL>& dataContainerURL() const { return record_.dataContainerURL; }
+  [[nodiscard]] const std::optional<URL>& bundleContainerURL() const {
+    return record_.bundleContainerURL;
+  }
+  [[nodiscard]] const std::optional<URL>& dataContainerURL() const {
+    return record_.dataContainerURL;
+  }
   [[nodiscard]] bool foundBackingBundle() const { return record_.foundBackingBundle; }
   [[nodiscard]] bool isPlaceholder() const { return record_.placeholder; }
   [[nodiscard]] bool isBuiltIn() const { return record_.builtIn; }
@@ -64,8 +70,8 @@ class BundleProxy {
 
 class AppWorkspace {
  public:
-  // Hears the status dictionaries of an installation ("Error", "ErrorDescription", "ErrorDetail"), on the calling thread and
-  // before the installation returns.
+  // Hears the status dictionaries of an installation ("Error", "ErrorDescription", "ErrorDetail"),
+  // on the calling thread and before the installation returns.
   using StatusBlock = std::function<void(const Dictionary& status)>;
 
   AppWorkspace() = default;
@@ -73,12 +79,13 @@ class AppWorkspace {
   AppWorkspace& operator=(const AppWorkspace&) = delete;
   virtual ~AppWorkspace() = default;
 
-  // True when an application of that identifier is installed, as a placeholder, really, or built in. False also when the
-  // registry can't be read.
+  // True when an application of that identifier is installed, as a placeholder, really, or built
+  // in. False also when the registry can't be read.
   virtual bool applicationIsInstalled(const std::string& identifier) = 0;
 
-  // Installs what stands at `url`: with AppPackageTypeCustomer a staging directory, with AppPackageTypePlaceholder a
-  // placeholder bundle. True on success; it is then durable. On failure false and the record through `error`, where given.
+  // Installs what stands at `url`: with AppPackageTypeCustomer a staging directory, with
+  // AppPackageTypePlaceholder a placeholder bundle. True on success; it is then durable. On failure
+  // false and the record through `error`, where given.
   bool installApplication(const URL& url, const Dictionary& options, Error* error) {
     return installApplication(url, options, error, StatusBlock());
   }
@@ -88,8 +95,8 @@ class AppWorkspace {
   // What BundleProxy::bundleProxyForIdentifier asks.
   virtual std::optional<BundleProxy> proxyForIdentifier(const std::string& identifier) = 0;
 
-  // The registry of this process; at first the one embedded at the root (platform/registry.h). The seam: `replace` with
-  // null goes back to it, answers the one before.
+  // The registry of this process; at first the one embedded at the root (platform/registry.h). The
+  // seam: `replace` with null goes back to it, answers the one before.
   static AppWorkspace& defaultWorkspace();
   static AppWorkspace* replace(AppWorkspace* replacement);
 };

@@ -19,7 +19,9 @@ class TreeCopy {
   // descriptors. A directory in which another volume is mounted is copied without what is mounted there and fails the copy
   // (EXDEV), since its content would be left behind.
   // 0 on success. -1 with errno set at the first item that could not be copied whole, attributes included; what was copied
-  // stays, and the source is never changed. Nothing is synced.
+  // stays, and the source is never changed. Nothing is synced. EBUSY: the source was changed meanwhile, or a file's size lies.
+  // EINVAL: the destination is inside the source. ESTALE: a directory was moved away from under the copy. Permissions are the
+  // owner's alone, in directories, until everything in them is there.
   virtual int copy(const char* source, const char* destination) = 0;
 
   // Puts everything written so far to the volume that holds `path` on its medium (syncfs). 0, or -1 with errno set; a failure

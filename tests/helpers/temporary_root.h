@@ -7,7 +7,8 @@
 
 namespace pallion::test {
 
-// A fresh directory below TMPDIR (or /tmp) that stands in for a device's root; removed with everything in it at the end.
+// A fresh directory below TMPDIR (or /tmp) that stands in for a device's root; removed with
+// everything in it at the end.
 class TemporaryRoot {
  public:
   TemporaryRoot();

@@ -1,0 +1,274 @@
+#include "foundation/file_contents.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace pallion {
+
+namespace {
+
+// Closes without touching errno.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    const int saved = errno;
+    if (fd_ >= 0) close(fd_);
+    errno = saved;
+  }
+  [[nodiscard]] int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+// Calls until no signal interrupts.
+template <class Call>
+auto retried(const Call& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+// Reads to the end, wherever that is by now: at `expected` bytes unless the file is being changed.
+// 0 or the errno.
+int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& bytes) {
+  // One byte more than expected: a read that comes back short of it has seen the end.
+  bytes.resize(expected + 1);
+  size_t size = 0;
+  while (true) {
+    const ssize_t got = retried([&] { return read(fd, bytes.data() + size, bytes.size() - size); });
+    if (got < 0) return errno;
+    size += static_cast<size_t>(got);
+    if (size > maximumSize) return EFBIG;
+    if (got == 0 || size == expected) break;
+    if (size == bytes.size()) bytes.resize(std::max<size_t>(2 * size, 4096));
+  }
+  bytes.resize(size);
+  return 0;
+}
+
+int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::string& bytes) {
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+  const Descriptor file(retried([&] { return open(url.fileSystemRepresentation(), kFlags); }));
+  if (!file)
+    return errno == ENXIO ? EINVAL : errno;  // ENXIO: a socket, or a device that isn't there
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) return errno;
+  if (S_ISDIR(status.st_mode)) return EISDIR;
+  if (!S_ISREG(status.st_mode)) return EINVAL;
+  const auto size = static_cast<uint64_t>(status.st_size);
+  if (size > maximumSize) return EFBIG;
+  const int error = readToEnd(file.get(), size, maximumSize, bytes);
+  if (cache == FileCache::kBypass) posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+  return error;
+}
+
+int writeAll(int fd, std::string_view bytes, Durability durability) {
+  while (!bytes.empty()) {
+    const ssize_t written = retried([&] { return write(fd, bytes.data(), bytes.size()); });
+    if (written < 0) return errno;
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+  if (durability == Durability::kSynced && retried([&] { return fdatasync(fd); }) != 0)
+    return errno;
+  return 0;
+}
+
+// A name beside the file, the same for every write of it.
+std::string temporaryNameFor(const std::string& name) {
+  constexpr std::string_view kSuffix = ".writing";
+  std::string temporary = ".";
+  if (name.size() + kSuffix.size() < NAME_MAX) return temporary.append(name).append(kSuffix);
+  uint64_t hash = 0xCBF29CE484222325;  // FNV-1a: the same in every process
+  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+  char digits[sizeof "FFFFFFFFFFFFFFFF"];
+  std::snprintf(digits, sizeof digits, "%016llX", static_cast<unsigned long long>(hash));
+  return temporary.append(digits).append(kSuffix);
+}
+
+class AtomicWrite {
+ public:
+  AtomicWrite(int directory, std::string name, std::string_view bytes, Durability durability,
+              mode_t mode)
+      : directory_(directory),
+        name_(std::move(name)),
+        temporary_(temporaryNameFor(name_)),
+        bytes_(bytes),
+        durability_(durability),
+        mode_(mode) {}
+
+  // 0 or the errno.
+  int run();
+
+ private:
+  // Results besides errno values.
+  static constexpr int kAgain = -1;        // another writer of the same file was in between
+  static constexpr int kNotPossible = -2;  // not on this file system, or not for this process
+
+  int writeUnnamed();
+  int replaceWith(const Descriptor& file);
+  int link(const Descriptor& file, const std::string& name) const;
+  int writeNamed();
+  int removeLeftOver();
+  int renameOver();
+  [[nodiscard]] bool isAtTemporaryName(const Descriptor& file) const;
+
+  int directory_;
+  std::string name_;
+  std::string temporary_;
+  std::string_view bytes_;
+  Durability durability_;
+  mode_t mode_;
+};
+
+int AtomicWrite::run() {
+  // Each round that another writer spoils has put the file of that writer in place.
+  constexpr int kRounds = 1000;
+  bool unnamed = true;
+  for (int round = 0; round < kRounds; ++round) {
+    const int result = unnamed ? writeUnnamed() : writeNamed();
+    if (result == kNotPossible) {
+      unnamed = false;
+    } else if (result != kAgain) {
+      return result;
+    }
+  }
+  return EAGAIN;
+}
+
+int AtomicWrite::writeUnnamed() {
+  const Descriptor file(
+      retried([&] { return openat(directory_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode_); }));
+  if (!file) {
+    // Without support: EOPNOTSUPP; EISDIR, ENOENT and EINVAL from kernels and file systems that
+    // don't know the flag.
+    const bool unknown =
+        errno == EOPNOTSUPP || errno == EISDIR || errno == ENOENT || errno == EINVAL;
+    return unknown ? kNotPossible : errno;
+  }
+  if (const int error = writeAll(file.get(), bytes_, durability_)) return error;
+  const int error = link(file, name_);
+  return error == EEXIST ? replaceWith(file) : error;
+}
+
+int AtomicWrite::link(const Descriptor& file, const std::string& name) const {
+  if (linkat(file.get(), "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+  if (errno != ENOENT && errno != EPERM) return errno;
+  // Without CAP_DAC_READ_SEARCH there is the way through /proc.
+  char path[sizeof "/proc/self/fd/" + 11];
+  std::snprintf(path, sizeof path, "/proc/self/fd/%d", file.get());
+  if (linkat(AT_FDCWD, path, directory_, name.c_str(), AT_SYMLINK_FOLLOW) == 0) return 0;
+  return errno == EEXIST ? EEXIST : kNotPossible;
+}
+
+int AtomicWrite::replaceWith(const Descriptor& file) {
+  int error = link(file, temporary_);
+  if (error == EEXIST) {
+    // A left-over, or the complete file of another writer, which then finds its own gone.
+    if (unlinkat(directory_, temporary_.c_str(), 0) != 0 && errno != ENOENT) return errno;
+    error = link(file, temporary_);
+  }
+  if (error != 0) return error == EEXIST ? kAgain : error;
+  error = renameOver();
+  if (error != ENOENT) return error;
+  // Another writer has renamed this file in place of its own, or has removed it; a file whose last
+  // name is gone can't get one again.
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) return errno;
+  return status.st_nlink > 0 ? 0 : kAgain;
+}
+
+int AtomicWrite::renameOver() {
+  if (renameat(directory_, temporary_.c_str(), directory_, name_.c_str()) == 0) return 0;
+  const int error = errno;
+  unlinkat(directory_, temporary_.c_str(), 0);
+  return error;
+}
+
+bool AtomicWrite::isAtTemporaryName(const Descriptor& file) const {
+  struct stat own {};
+  struct stat named {};
+  return fstat(file.get(), &own) == 0 &&
+         fstatat(directory_, temporary_.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+         own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+}
+
+// Here the temporary name stands for an incomplete file. Whoever holds the lock of the file that it
+// names, and nobody else, writes that file and changes what is at the name.
+int AtomicWrite::writeNamed() {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const Descriptor file(
+      retried([&] { return openat(directory_, temporary_.c_str(), kFlags, mode_); }));
+  if (!file) return errno == EEXIST ? removeLeftOver() : errno;
+  retried([&] { return flock(file.get(), LOCK_EX); });
+  if (!isAtTemporaryName(file)) return kAgain;
+  const int error = writeAll(file.get(), bytes_, durability_);
+  if (error == 0) return renameOver();
+  unlinkat(directory_, temporary_.c_str(), 0);
+  return error;
+}
+
+int AtomicWrite::removeLeftOver() {
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+  const Descriptor file(retried([&] { return openat(directory_, temporary_.c_str(), kFlags); }));
+  if (!file && errno == ENOENT) return kAgain;  // its writer has come to an end
+  if (file) {
+    // Waits for a writer that is at work.
+    retried([&] { return flock(file.get(), LOCK_EX); });
+    if (!isAtTemporaryName(file)) return kAgain;
+  }
+  return unlinkat(directory_, temporary_.c_str(), 0) == 0 || errno == ENOENT ? kAgain : errno;
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const URL& url, int* errorNumber, FileCache cache,
+                                    uint64_t maximumSize) {
+  std::optional<std::string> bytes(std::in_place);
+  if (const int error = readRegularFile(url, cache, maximumSize, *bytes)) {
+    if (errorNumber) *errorNumber = error;
+    return std::nullopt;
+  }
+  return bytes;
+}
+
+int writeFileAtomically(const URL& url, std::string_view bytes, Durability durability,
+                        mode_t mode) {
+  if (*url.fileSystemRepresentation() == '\0') return ENOENT;
+  const std::string name = url.lastPathComponent();
+  if (name == "/") return EISDIR;
+  const URL parent = url.deletingLastPathComponent();
+  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  const Descriptor directory(
+      retried([&] { return open(parent.fileSystemRepresentation(), kFlags); }));
+  if (!directory) return errno;
+  return AtomicWrite(directory.get(), name, bytes, durability, mode).run();
+}
+
+bool isReadFailure(int errorNumber) {
+  switch (errorNumber) {
+    case ENOENT:
+    case ENOTDIR:
+    case ELOOP:  // a symbolic link, which is not followed
+    case EISDIR:
+    case EINVAL:  // no regular file
+    case ENXIO:   // a socket
+    case EFBIG:
+    case EILSEQ:
+      return false;
+    default:
+      return true;
+  }
+}
+
+}  // namespace pallion

@@ -1,0 +1,29 @@
+#include "platform/app_workspace.h"
+
+#include <atomic>
+
+#include "platform/registry.h"
+
+namespace pallion {
+
+namespace {
+
+std::atomic<AppWorkspace*> gReplacement{nullptr};
+
+}  // namespace
+
+std::optional<BundleProxy> BundleProxy::bundleProxyForIdentifier(const std::string& identifier) {
+  return AppWorkspace::defaultWorkspace().proxyForIdentifier(identifier);
+}
+
+AppWorkspace& AppWorkspace::defaultWorkspace() {
+  AppWorkspace* replacement = gReplacement.load();
+  return replacement ? *replacement : defaultRegistry();
+}
+
+AppWorkspace* AppWorkspace::replace(AppWorkspace* replacement) {
+  AppWorkspace* before = gReplacement.exchange(replacement);
+  return before ? before : &defaultRegistry();
+}
+
+}  // namespace pallion

@@ -1,0 +1,26 @@
+#include "platform/migration_plugin.h"
+
+namespace pallion {
+
+MigrationPluginBase::~MigrationPluginBase() = default;
+
+bool MigrationPluginBase::init() { return true; }
+
+std::string MigrationPluginBase::dataClassName() { return {}; }
+
+// A plug-in that migrates nothing has migrated nothing.
+bool MigrationPluginBase::performMigration() { return false; }
+
+float MigrationPluginBase::estimatedDuration() { return 0; }
+
+float MigrationPluginBase::migrationProgress() { return -1; }
+
+void MigrationPluginBase::itemStarted(std::string_view identifier, std::string_view path) {
+  if (observer_) observer_->itemStarted(identifier, path);
+}
+
+void MigrationPluginBase::itemFinished(bool result) {
+  if (observer_) observer_->itemFinished(result);
+}
+
+}  // namespace pallion

@@ -1,0 +1,113 @@
+#include "platform/registry_change.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+
+#include "platform/product_log.h"
+#include "platform/store_metadata.h"
+#include "platform/uuid.h"
+
+namespace pallion {
+
+RegistryChange::~RegistryChange() {
+  if (!open_) return;
+  database_.rollback();
+  for (const auto& [kind, uuid] : made_) removeTree(containers_.incoming(kind, uuid));
+}
+
+Outcome RegistryChange::begin() {
+  if (!database_.begin()) return database_.failure();
+  open_ = true;
+  for (const std::string& uuid : removedTrash_) {
+    if (!database_.removeTrash(uuid)) return database_.failure();
+  }
+  return std::nullopt;
+}
+
+Outcome RegistryChange::make(Kind kind, std::string& uuid) {
+  uuid = makeUUID();
+  made_.emplace_back(kind, uuid);
+  const int failed = containers_.make(kind, uuid);
+  if (failed != 0) {
+    return Refusal{RegistryErrorCode::kInstallation, "Making " + containers_.incoming(kind, uuid),
+                   failed, ""};
+  }
+  adopt(kind, uuid);
+  return std::nullopt;
+}
+
+Outcome RegistryChange::storeBundle(BundleRow& row) {
+  if (row.data.empty()) {
+    if (Outcome failed = make(Kind::kData, row.data)) return failed;
+  }
+  if (!database_.storeBundle(row)) return database_.failure();
+  return std::nullopt;
+}
+
+Outcome RegistryChange::storeGroups(const std::string& bundle,
+                                    const std::vector<std::string>& groups) {
+  for (const std::string& group : groups) {
+    std::optional<std::string> container;
+    if (!database_.findGroup(group, container)) return database_.failure();
+    if (container) continue;
+    std::string uuid;
+    if (Outcome failed = make(Kind::kGroup, uuid)) return failed;
+    if (!database_.storeGroup({group, uuid})) return database_.failure();
+  }
+  if (!database_.storeGroupsOfBundle(bundle, groups)) return database_.failure();
+  return std::nullopt;
+}
+
+Outcome RegistryChange::storeTrash(TrashRow row) {
+  if (!database_.storeTrash(row)) return database_.failure();
+  trash_.push_back(std::move(row));
+  return std::nullopt;
+}
+
+Outcome RegistryChange::commit() {
+  if (!database_.commit()) return database_.failure();
+  open_ = false;
+  removedTrash_.clear();
+  bool settled = true;
+  for (const auto& [kind, uuid] : incoming_) {
+    const int failed = containers_.settle(kind, uuid);
+    if (failed == 0) continue;
+    settled = false;
+    LogWrite(kLogError, function_, "Failed to move %s to %s: %s", containers_.incoming(kind, uuid),
+             containers_.place(kind, uuid), strerrordesc_np(failed));
+  }
+  // Metadata can only be handed on to a container that stands in its place.
+  for (const TrashRow& row : settled ? trash_ : std::vector<TrashRow>()) {
+    if (dispose(containers_, row, function_)) removedTrash_.push_back(row.uuid);
+  }
+  database_.checkpointIfLarge();
+  return std::nullopt;
+}
+
+bool RegistryChange::dispose(const RegistryContainers& containers, const TrashRow& row,
+                             const char* function) {
+  const std::string path = row.kind == TrashRow::Kind::kHarbor
+                               ? containers.harborDirectory() + "/" + row.uuid
+                               : containers.place(Kind::kBundle, row.uuid);
+  if (!row.successor.empty()) {
+    const std::string heir = containers.place(Kind::kBundle, row.successor);
+    for (const char* name : kStoreMetadataNames) {
+      const std::string from = path + "/" + name;
+      const std::string to = heir + "/" + name;
+      if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0 &&
+          errno != ENOENT && errno != EEXIST) {
+        LogWrite(kLogError, function, "Failed to move %s to %s: %s", from, to,
+                 strerrordesc_np(errno));
+        return false;
+      }
+    }
+  }
+  const int failed = removeTree(path);
+  if (failed != 0)
+    LogWrite(kLogError, function, "Failed to remove %s: %s", path, strerrordesc_np(failed));
+  return failed == 0;
+}
+
+}  // namespace pallion

@@ -1,0 +1,241 @@
+#include "platform/removal_walk.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/parent_directory.h"
+
+namespace pallion {
+
+namespace {
+
+constexpr size_t kOpenLevels = 32;
+// How often a directory is read again because others put items into it while it was being emptied.
+constexpr int kVainPasses = 16;
+// How often an entry that is a directory in one call and something else in the next one is tried.
+constexpr int kAttempts = 16;
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+struct Identity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  std::optional<bool> isMount;  // none where the kernel doesn't tell (before 5.8)
+};
+
+// What an open directory is; false with errno set.
+bool identify(int descriptor, Identity& identity) {
+  struct statx status {};
+  if (statx(descriptor, "", AT_EMPTY_PATH, STATX_INO, &status) != 0) return false;
+  identity.device = makedev(status.stx_dev_major, status.stx_dev_minor);
+  identity.inode = status.stx_ino;
+  if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
+    identity.isMount = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  }
+  return true;
+}
+
+bool isGone(int number) { return number == ENOENT || number == ENOTDIR || number == ELOOP; }
+
+}  // namespace
+
+RemovalWalk::~RemovalWalk() {
+  if (topParent_ >= 0) close(topParent_);
+}
+
+int RemovalWalk::run(const char* path) {
+  path_ = path;
+  while (path_.size() > 1 && path_.back() == '/') path_.pop_back();
+  // A single file or link needs nothing more.
+  if (unlinkat(AT_FDCWD, path_.c_str(), 0) == 0) return 0;
+  int number = errno;
+  if (number == ENOENT) return number;
+  topParent_ = openParentDirectory(path_, topName_);
+  if (topParent_ < 0) {
+    number = errno;
+  } else if (number == ENAMETOOLONG) {
+    number = unlinkat(topParent_, topName_.c_str(), 0) == 0 ? 0 : errno;
+    if (number == 0) return 0;
+  }
+  if (number == ENOENT) return number;
+  if (topParent_ < 0) {
+    fail(nullptr, number);
+  } else {
+    removeEntry(topParent_, topName_.c_str(), number == EISDIR ? DT_DIR : DT_UNKNOWN);
+    walk();
+  }
+  return firstError_;
+}
+
+void RemovalWalk::walk() {
+  while (!levels_.empty() && !stopped_) {
+    Level& level = levels_.back();
+    DirectoryReader::Entry entry;
+    if ((level.trustsShortReads && level.reader.mayBeAtEnd()) || !level.reader.next(entry)) {
+      leave();
+    } else if (level.kept.empty() || !level.kept.contains(entry.name)) {
+      removeEntry(level.reader.descriptor(), entry.name, entry.type);
+    }
+  }
+}
+
+void RemovalWalk::removeEntry(int directory, const char* name, unsigned char type) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    int number = EISDIR;
+    if (type != DT_DIR) {
+      if (unlinkat(directory, name, 0) == 0 || errno == ENOENT) return;
+      number = errno;
+      // EISDIR is told last: a directory that may not be removed answers why not, and is to be
+      // emptied all the same.
+      if (number != EISDIR && type != DT_UNKNOWN) return fail(name, number);
+    }
+    if (enter(directory, name)) return;
+    if (number != EISDIR) return fail(name, number);
+    type = DT_UNKNOWN;  // exchanged for something else since it was read
+  }
+  fail(name, EAGAIN);
+}
+
+bool RemovalWalk::enter(int directory, const char* name) {
+  const int descriptor = openat(directory, name, kDirectoryFlags);
+  if (descriptor < 0) {
+    const int number = errno;
+    if (number == ENOENT) return true;
+    if (isGone(number)) return false;
+    // One that can't be read may still be empty.
+    if (unlinkat(directory, name, AT_REMOVEDIR) != 0) fail(name, number);
+    return true;
+  }
+  Level level;
+  level.reader = DirectoryReader(descriptor);
+  Identity identity;
+  if (!identify(descriptor, identity)) {
+    fail(name, errno);
+    return true;
+  }
+  // The device alone doesn't tell: that of a bind mount is the same, that of a subvolume another
+  // one.
+  if (identity.isMount.value_or(!levels_.empty() && levels_.back().device != identity.device)) {
+    fail(name, EBUSY);
+    return true;
+  }
+  if (!levels_.empty()) (path_ += '/') += name;
+  level.pathLength = path_.size();
+  level.device = identity.device;
+  level.inode = identity.inode;
+  levels_.push_back(std::move(level));
+  if (levels_.size() > kOpenLevels) levels_[levels_.size() - 1 - kOpenLevels].reader.close();
+  return true;
+}
+
+void RemovalWalk::leave() {
+  if (!reopenAbove()) return;
+  Level& level = levels_.back();
+  const std::string name = nameOf(levels_.size() - 1);
+  const int above = descriptorAbove(levels_.size() - 1);
+  if (const int number = level.reader.error(); number != 0) {
+    pop();
+    return fail(name.c_str(), number);
+  }
+  if (level.keepsItems) {
+    pop();
+    return keep(name.c_str());
+  }
+  if (unlinkat(above, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return pop();
+  const int number = errno;
+  if (number == ENOTEMPTY || number == EEXIST) {
+    if (level.trustsShortReads && level.reader.mayBeAtEnd()) {
+      level.trustsShortReads = false;
+      return;
+    }
+    if (++level.vainPasses < kVainPasses && level.reader.seek(0)) return;
+  }
+  pop();
+  if (number == ENOTDIR) return removeEntry(above, name.c_str(), DT_UNKNOWN);
+  fail(name.c_str(), number);
+}
+
+bool RemovalWalk::reopenAbove() {
+  const size_t deepest = levels_.size() - 1;
+  if (deepest == 0 || levels_[deepest - 1].reader.isOpen()) return true;
+  Level& above = levels_[deepest - 1];
+  const int descriptor = openat(levels_[deepest].reader.descriptor(), "..", kDirectoryFlags);
+  if (descriptor < 0) return descendAgain(deepest - 1);
+  DirectoryReader reader(descriptor);
+  Identity identity;
+  // The directory below may have been moved: then its ".." is anywhere.
+  if (!identify(descriptor, identity) || identity.device != above.device ||
+      identity.inode != above.inode) {
+    return descendAgain(deepest - 1);
+  }
+  above.reader = std::move(reader);
+  return true;
+}
+
+// Opens the level `target` by the names that lead to it. Where the way ends, so does the stack.
+bool RemovalWalk::descendAgain(size_t target) {
+  DirectoryReader reader;
+  for (size_t i = 0; i <= target; ++i) {
+    const std::string name = nameOf(i);
+    const int descriptor =
+        openat(i == 0 ? topParent_ : reader.descriptor(), name.c_str(), kDirectoryFlags);
+    int number = descriptor < 0 ? errno : 0;
+    DirectoryReader next(descriptor);
+    Identity identity;
+    if (number == 0 && !identify(descriptor, identity)) number = errno;
+    if (number == 0 &&
+        (identity.device != levels_[i].device || identity.inode != levels_[i].inode)) {
+      number = ENOENT;
+    }
+    if (number != 0) {
+      while (levels_.size() > i) pop();
+      if (i > 0) levels_.back().reader = std::move(reader);
+      // What was moved away is no longer part of the tree; what stands in its place is met when the
+      // level is read.
+      if (!isGone(number)) fail(name.c_str(), number);
+      return false;
+    }
+    reader = std::move(next);
+  }
+  levels_[target].reader = std::move(reader);
+  return true;
+}
+
+void RemovalWalk::pop() {
+  levels_.pop_back();
+  if (!levels_.empty()) path_.resize(levels_.back().pathLength);
+}
+
+void RemovalWalk::keep(const char* name) {
+  if (levels_.empty()) return;
+  Level& level = levels_.back();
+  level.keepsItems = true;
+  level.trustsShortReads = false;  // it won't be empty, so only the true end will do
+  level.kept.emplace(name);
+}
+
+void RemovalWalk::fail(const char* name, int number) {
+  if (firstError_ == 0) firstError_ = number;
+  const size_t length = path_.size();
+  if (!levels_.empty()) (path_ += '/') += name;
+  if (!state_.report(path_.c_str(), number)) stopped_ = true;
+  path_.resize(length);
+  keep(name);
+}
+
+int RemovalWalk::descriptorAbove(size_t level) const {
+  return level == 0 ? topParent_ : levels_[level - 1].reader.descriptor();
+}
+
+std::string RemovalWalk::nameOf(size_t level) const {
+  if (level == 0) return topName_;
+  const size_t start = levels_[level - 1].pathLength + 1;
+  return path_.substr(start, levels_[level].pathLength - start);
+}
+
+}  // namespace pallion

@@ -1,0 +1,109 @@
+#include "platform/staged_package.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+#include "foundation/url.h"
+#include "platform/extended_attributes.h"
+#include "platform/registry_containers.h"
+
+namespace pallion {
+
+namespace {
+
+Refusal inspectionFailed(const std::string& description, int errorNumber,
+                         const std::string& detail) {
+  return {RegistryErrorCode::kPackageInspection, description, errorNumber, detail};
+}
+
+// Reads a bundle of Payload into the slot that its kind has.
+Outcome inspectBundle(const std::string& directory, const std::string& name,
+                      std::optional<BundleFacts>& slot) {
+  const std::string payload = directory + "/Payload";
+  if (slot) return inspectionFailed(payload, 0, "holds more than one bundle of a kind");
+  slot.emplace();
+  if (Outcome refused = readBundleFacts(payload, name, *slot)) return refused;
+  struct stat status {};
+  const std::string place = directory + "/" + name;
+  if (lstat(place.c_str(), &status) == 0)
+    return inspectionFailed(place, 0, "stands where the bundle would go");
+  if (errno != ENOENT) return inspectionFailed(place, errno, "");
+  return std::nullopt;
+}
+
+int setAttribute(const std::string& path, const char* name, const void* value, size_t size) {
+  if (ExtendedAttributes::current().set(path.c_str(), name, value, size) == 0) return 0;
+  return errno == ENOTSUP ? 0 : errno;
+}
+
+}  // namespace
+
+const char* bundleTypeOf(const std::string& name) {
+  const std::string extension = URL::fileURL("/" + name).pathExtension();
+  if (extension == "app") return "App";
+  return extension == "vpnplugin" ? "VPNBundle" : nullptr;
+}
+
+Outcome inspectPackage(const std::string& directory, StagedPackage& package) {
+  struct stat status {};
+  if (lstat(directory.c_str(), &status) != 0)
+    return inspectionFailed("Staging directory " + directory, errno, "");
+  if (!S_ISDIR(status.st_mode))
+    return inspectionFailed("Staging directory " + directory, ENOTDIR, "");
+  const std::string payload = directory + "/Payload";
+  const std::optional<std::vector<std::string>> names = namesInDirectory(payload);
+  if (!names && errno != ENOENT) return inspectionFailed("Listing " + payload, errno, "");
+  package = StagedPackage();
+  for (const std::string& name : names ? *names : std::vector<std::string>()) {
+    const char* type = isPlainName(name) ? bundleTypeOf(name) : nullptr;
+    if (!type)
+      return inspectionFailed(payload + "/" + name, 0, "is neither an application nor a plug-in");
+    Outcome refused = inspectBundle(directory, name, *type == 'A' ? package.main : package.plugin);
+    if (refused) return refused;
+  }
+  if (!package.main) package.main.swap(package.plugin);
+  return std::nullopt;
+}
+
+Outcome checkExecutable(const std::string& bundlePath, const BundleFacts& facts) {
+  if (!facts.executable) return std::nullopt;
+  Refusal refusal{RegistryErrorCode::kMissingExecutable, "Executable of " + bundlePath, 0,
+                  "has no plain name"};
+  if (facts.executable->empty()) return refusal;
+  refusal.description = bundlePath + "/" + *facts.executable;
+  refusal.detail.clear();
+  struct stat status {};
+  if (lstat(refusal.description.c_str(), &status) != 0) {
+    refusal.errorNumber = errno;
+    return refusal;
+  }
+  if (S_ISREG(status.st_mode)) return std::nullopt;
+  refusal.detail = "is no regular file";
+  return refusal;
+}
+
+int markAsPlaceholder(const std::string& bundlePath) {
+  const int32_t mark = 1;
+  return setAttribute(bundlePath, kPlaceholderMarkName, &mark, sizeof mark);
+}
+
+int setInstallType(const std::string& bundlePath, uint64_t installType) {
+  return setAttribute(bundlePath, kInstallTypeName, &installType, sizeof installType);
+}
+
+Outcome setInstallTypes(const std::string& directory, const StagedPackage& package,
+                        uint64_t installType) {
+  for (const std::optional<BundleFacts>* facts : {&package.main, &package.plugin}) {
+    if (!*facts) continue;
+    const std::string path = directory + "/Payload/" + (*facts)->name;
+    const int failed = setInstallType(path, installType);
+    // A read-only volume is copied from; the copy then gets the attribute.
+    if (failed != 0 && failed != EROFS) {
+      return Refusal{RegistryErrorCode::kInstallation, "Setting the install type of " + path,
+                     failed, ""};
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace pallion

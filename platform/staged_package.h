@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/built_in_applications.h"
+#include "platform/registry_refusal.h"
+
+namespace pallion {
+
+inline constexpr const char* kPlaceholderMarkName = "com.orlix.palliond.placeholder";
+inline constexpr const char* kInstallTypeName = "com.orlix.palliond.installType";
+
+// What a staging directory holds in its directory Payload: an application, perhaps with a plug-in
+// beside it, or a plug-in alone, or nothing.
+struct StagedPackage {
+  std::optional<BundleFacts> main;    // the application, or the plug-in that stands alone
+  std::optional<BundleFacts> plugin;  // the plug-in beside an application
+};
+
+// Looks at it without changing it. Refuses any other content, links and files in the bundles'
+// places, an information property list that can't be read, and items beside Payload that a bundle's
+// name would collide with.
+Outcome inspectPackage(const std::string& directory, StagedPackage& package);
+
+// "App" or "VPNBundle", by the extension of the bundle's name; null for any other.
+const char* bundleTypeOf(const std::string& name);
+
+// Whether the executable that a bundle names is a regular file in it.
+Outcome checkExecutable(const std::string& bundlePath, const BundleFacts& facts);
+
+// Set the attributes of an installed bundle. 0 or an errno. Where a file system keeps no attributes
+// there is none, which is no failure: the registry remembers placeholders itself, and a bundle
+// without the attribute has install type 0.
+int markAsPlaceholder(const std::string& bundlePath);
+int setInstallType(const std::string& bundlePath, uint64_t installType);
+// The install type on each bundle of the package in `directory`.
+Outcome setInstallTypes(const std::string& directory, const StagedPackage& package,
+                        uint64_t installType);
+
+}  // namespace pallion

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <sys/types.h>
+
+#include "platform/tree_copy_metadata.h"
+
+namespace pallion {
+
+// Copies the content of regular files from one volume to another (or the same), in the cheapest way
+// that the two can do, and remembers what they can't. One thread at a time.
+class DataCopy {
+ public:
+  // From `source`, whose `status` was read when it was opened, to the empty file `destination`.
+  // Holes stay holes. False with errno set; EBUSY when the source was changed meanwhile.
+  bool copy(int source, const ItemStatus& status, int destination);
+
+ private:
+  bool clone(int source, int destination);
+  bool copyWhole(int source, size_t size, int destination);
+  bool copyPieces(int source, const ItemStatus& status, int destination);
+  bool copyRange(int source, int destination, off_t begin, off_t end);
+  // Copies what the kernel can without showing it to us; answers where it stopped, -1 on failure.
+  off_t offload(int source, int destination, off_t begin, off_t end);
+  char* buffer();
+
+  bool mayClone_ = true;
+  bool mayOffload_ = true;
+  std::unique_ptr<char[]> buffer_;
+};
+
+}  // namespace pallion

@@ -1,0 +1,75 @@
+#include <cerrno>
+#include <unistd.h>
+
+#include "platform/registry.h"
+#include "programs/migration_host/commands.h"
+#include "programs/migration_host/console.h"
+#include "programs/migration_host/exit_status.h"
+#include "programs/migration_host/host_logs.h"
+#include "programs/migration_host/json_output.h"
+#include "programs/migration_host/root_directory.h"
+#include "programs/migration_host/text_table.h"
+
+namespace pallion::host {
+
+namespace {
+
+std::string stateOf(const BundleProxy& application) {
+  if (application.isPlaceholder()) return "placeholder";
+  if (application.isBuiltIn()) return "built in";
+  return application.bundleURL() ? "installed" : "data only";
+}
+
+std::string appsTable(const std::vector<BundleProxy>& applications,
+                      const std::vector<SafeHarborRecord>& harbors) {
+  TextTable table;
+  for (const BundleProxy& application : applications) {
+    const auto& place =
+        application.bundleURL() ? application.bundleURL() : application.dataContainerURL();
+    table.addRow({application.bundleIdentifier(), application.bundleType(), stateOf(application),
+                  application.version().empty() ? "-" : application.version(),
+                  place ? place->fileSystemRepresentation() : "-"});
+  }
+  for (const SafeHarborRecord& harbor : harbors) {
+    table.addRow({harbor.identifier, "-", "safe harbor", "-", harbor.path});
+  }
+  return table.text() + std::to_string(applications.size()) + " applications, " +
+         std::to_string(harbors.size()) + " safe harbors\n";
+}
+
+}  // namespace
+
+int showApps(const Options& options) {
+  // Log lines of a question are no part of the device's history: only `--log` and `-v` show them.
+  int log = STDERR_FILENO;
+  if (!options.logFile.empty() || !options.verbose) {
+    log = openLogFile(options.logFile.empty() ? "/dev/null" : options.logFile);
+  }
+  if (log < 0) {
+    complain("warning: logging to standard error instead of " + options.logFile, errno);
+    log = STDERR_FILENO;
+  }
+  RootDirectory root;
+  int error = root.open(options.root);
+  if (error == 0) error = root.enter();
+  if (error != 0) {
+    complain(options.root, error);
+    return kExitUsage;
+  }
+  const HostLogs logs(options, log, nullptr);
+  const std::unique_ptr<Registry> registry = Registry::atRoot(URL(), Registry::Access::kReadOnly);
+  Error cause;
+  const auto applications = registry->allProxies(&cause);
+  const auto harbors = applications ? registry->allSafeHarbors(&cause)
+                                    : std::optional<std::vector<SafeHarborRecord>>();
+  if (!harbors) {
+    const std::string text(cause.localizedDescription());
+    complain(options.root +
+             ": the registry can't be read: " + (text.empty() ? description(cause) : text));
+    return kExitFailure;
+  }
+  print(options.json ? appsJSON(*applications, *harbors) : appsTable(*applications, *harbors));
+  return kExitSuccess;
+}
+
+}  // namespace pallion::host

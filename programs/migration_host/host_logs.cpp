@@ -1,0 +1,99 @@
+#include "programs/migration_host/host_logs.h"
+
+#include <atomic>
+#include <fcntl.h>
+
+#include "platform/log_file.h"
+#include "programs/migration_host/console.h"
+
+namespace pallion::host {
+
+namespace {
+
+constexpr const char* kHostLog = "/private/var/mobile/Library/Logs/Shiftwell/migration.log";
+constexpr const char* kProductLog = "/private/var/mobile/Library/Logs/Pallion/pallion.log";
+
+int levelFor(const Options& options) {
+  if (options.verbose) return kLogDebug;
+  return options.quiet ? kLogError : kLogNotice;
+}
+
+// One of the two logs' way to its file.
+class LogWriter {
+ public:
+  LogWriter(LogFormat format, int descriptor, const char* path) : format_(format) {
+    if (descriptor >= 0) {
+      file_ = std::make_unique<LogFile>(descriptor);
+    } else {
+      file_ = std::make_unique<LogFile>(std::string(path));
+    }
+  }
+
+  void write(const LogLine& line) {
+    const int error = file_->write(formatLogLine(format_, line));
+    if (error == 0 || failed_.exchange(true)) return;
+    complain("warning: log lines are lost: " + (file_->path().empty() ? "log" : file_->path()),
+             error);
+  }
+
+ private:
+  const LogFormat format_;
+  std::unique_ptr<LogFile> file_;
+  std::atomic<bool> failed_{false};
+};
+
+}  // namespace
+
+class HostLogs::ProductHandle : public LogHandle {
+ public:
+  ProductHandle(const Options& options, int descriptor)
+      : LogHandle(levelFor(options)), writer_(options.logFormat, descriptor, kProductLog) {}
+  void write(int level, std::string_view function, std::string_view message) override {
+    writer_.write({currentTime(), level, nullptr, nullptr, 0, function, message});
+  }
+
+ private:
+  LogWriter writer_;
+};
+
+class HostLogs::HostSink : public MigrationLogSink {
+ public:
+  HostSink(const Options& options, int descriptor, ErrorListener* listener)
+      : level_(levelFor(options)),
+        listener_(listener),
+        writer_(options.logFormat, descriptor, kHostLog) {}
+  [[nodiscard]] int level() const override { return level_; }
+  void write(const MigrationLogRecord& record) override {
+    writer_.write({currentTime(), record.level, record.category, record.file, record.line,
+                   record.function, record.message});
+    if (listener_ && record.level <= kLogError) listener_->errorLogged(record.message);
+  }
+
+ private:
+  const int level_;
+  ErrorListener* const listener_;
+  LogWriter writer_;
+};
+
+int openLogFile(const std::string& path) {
+  // O_NONBLOCK: a FIFO without a reader fails at once (ENXIO) instead of waiting for one.
+  const int descriptor =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+  // A pipe that is full is waited for; lines are not dropped.
+  if (descriptor >= 0) fcntl(descriptor, F_SETFL, O_APPEND);
+  return descriptor;
+}
+
+HostLogs::HostLogs(const Options& options, int descriptor, ErrorListener* listener)
+    : product_(std::make_unique<ProductHandle>(options, descriptor)),
+      host_(std::make_unique<HostSink>(options, descriptor, listener)) {
+  gLogHandle = product_.get();
+  MigrationLogSink::replace(host_.get());
+}
+
+HostLogs::~HostLogs() {
+  MigrationLogSink::replace(nullptr);
+  gLogHandle = nullptr;
+}
+
+}  // namespace pallion::host

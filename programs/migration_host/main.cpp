@@ -1,0 +1,48 @@
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "programs/migration_host/commands.h"
+#include "programs/migration_host/console.h"
+#include "programs/migration_host/exit_status.h"
+#include "programs/migration_host/json_output.h"
+
+namespace {
+
+// A file that is opened must not become standard output or standard error because the caller closed
+// those.
+void openStandardDescriptors() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDWR);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) close(descriptor);
+}
+
+// Who asked for JSON lines gets the summary also when the rest of the command line can't be
+// understood.
+bool asksForSummary(int argc, char** argv) {
+  const auto has = [&](std::string_view word) {
+    return std::any_of(argv + 1, argv + argc,
+                       [word](const char* argument) { return word == argument; });
+  };
+  return has("--json") && !has("apps");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace pallion::host;
+  openStandardDescriptors();
+  // Whoever reads our output may go away; that must not end a run.
+  std::signal(SIGPIPE, SIG_IGN);
+  umask(022);
+  const auto parsed = parseOptions(argc, argv);
+  if (const int* status = std::get_if<int>(&parsed)) {
+    if (*status == kExitUsage && asksForSummary(argc, argv)) print(summaryJSON({}, kExitUsage));
+    return *status;
+  }
+  const Options& options = std::get<Options>(parsed);
+  return options.command == Command::kApps ? showApps(options) : migrate(options);
+}

@@ -1,0 +1,87 @@
+#include <cerrno>
+#include <optional>
+
+#include "platform/registry.h"
+#include "programs/migration_host/commands.h"
+#include "programs/migration_host/console.h"
+#include "programs/migration_host/exit_status.h"
+#include "programs/migration_host/host_logs.h"
+#include "programs/migration_host/interrupt_watch.h"
+#include "programs/migration_host/plugin_module.h"
+#include "programs/migration_host/progress_display.h"
+#include "programs/migration_host/root_directory.h"
+#include "programs/migration_host/run_report.h"
+
+namespace pallion::host {
+
+namespace {
+
+int runMigrator(const PluginModule& module, RunReport& report, bool showProgress) {
+  report.began();
+  const Plugin plugin = module.makePlugin();
+  if (!plugin) {
+    const std::string problem = report.firstProblem();
+    complain(module.path() + ": there is no migrator" + (problem.empty() ? "" : ": " + problem));
+    return kExitNoMigrator;
+  }
+  report.described(plugin->dataClassName(), plugin->estimatedDuration());
+  plugin->setObserver(&report);
+  bool result = false;
+  {
+    std::optional<ProgressDisplay> display;
+    if (showProgress) display.emplace(*plugin, report);
+    result = plugin->performMigration();
+  }
+  report.ended(result, plugin->migrationProgress());
+  return result ? kExitSuccess : kExitFailure;
+}
+
+int run(const Options& options, RunReport& report) {
+  // All that stands outside the root comes before the root changes.
+  const int log = options.logFile.empty() ? -1 : openLogFile(options.logFile);
+  if (log < 0 && !options.logFile.empty()) {
+    complain("warning: using the logs inside the root instead of " + options.logFile, errno);
+  }
+  RootDirectory root;
+  int error = root.open(options.root);
+  if (error == 0) error = root.lock();
+  if (error == EWOULDBLOCK) {
+    complain(options.root + ": another run is at work here");
+    return kExitLocked;
+  }
+  if (error != 0) {
+    complain(options.root, error);
+    return kExitUsage;
+  }
+  PluginModule module;
+  std::string explanation;
+  if (!module.load(options.plugin, explanation)) {
+    complain(explanation);
+    return kExitNoMigrator;
+  }
+  error = root.enter();
+  if (error != 0) {
+    complain(options.root + ": can't become the root", error);
+    return kExitUsage;
+  }
+
+  const HostLogs logs(options, log, &report);
+  const InterruptWatch watch([&report](int exitStatus) { report.finishInterrupted(exitStatus); });
+  const int status = runMigrator(module, report, !options.quiet && canShowProgress());
+  // Before the lock goes, so that the next run finds the registry at rest.
+  closeDefaultRegistry();
+  return status;
+}
+
+}  // namespace
+
+int migrate(const Options& options) {
+  ReportForm form = options.quiet ? ReportForm::kNone : ReportForm::kTable;
+  if (options.json) form = ReportForm::kJSON;
+  RunReport report(form);
+  const int status = run(options, report);
+  report.finish(status);
+  return status;
+}
+
+}  // namespace pallion::host

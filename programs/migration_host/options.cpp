@@ -1,0 +1,82 @@
+#include "programs/migration_host/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "programs/migration_host/console.h"
+#include "programs/migration_host/exit_status.h"
+
+namespace pallion::host {
+
+namespace {
+
+constexpr const char* kDescription =
+    "Runs the application migrator over a device's old layout, or shows what is installed there.";
+
+constexpr const char* kFooter = R"(Examples:
+  migration-host                              migrate the running system
+  migration-host --root /mnt/device           migrate an attached device image
+  migration-host --root /mnt/device --json    the same, with JSON lines on standard output
+  migration-host apps --root /mnt/device      show the applications that are installed there
+
+A run that was interrupted is resumed by the next one.
+
+Exit status of migrate:
+  0  everything was migrated              2  wrong usage, or the root can't be entered
+  1  something was not; see the logs      3  there is no migrator
+  4  another run is at work on this root  128 + N  interrupted by signal N)";
+
+}  // namespace
+
+std::variant<Options, int> parseOptions(int argc, char** argv) {
+  Options options;
+  bool jsonLogs = false;
+  CLI::App app(kDescription, "migration-host");
+  app.footer(kFooter);
+  app.set_version_flag("--version", "migration-host " PALLION_VERSION);
+  app.add_option("--root", options.root, "Directory that becomes / for the whole run")
+      ->type_name("DIR");
+  app.add_option("--plugin", options.plugin,
+                 "Migrator's module (default: ../lib/PLAppMigrator.so beside the program)")
+      ->type_name("FILE");
+  app.add_option("--log", options.logFile,
+                 "File for the lines of both logs, instead of the logs inside the root")
+      ->check([](const std::string& name) {
+        return name == "-" ? "standard output is not for logs" : std::string();
+      })
+      ->type_name("FILE");
+  app.add_option_function<std::string>(
+         "--log-format", [&](const std::string& name) { jsonLogs = name == "json"; },
+         "Form of the log lines: text (default) or json")
+      ->check(CLI::IsMember({"text", "json"}))
+      ->type_name("FORM");
+  app.add_flag("--json", options.json, "Print JSON on standard output");
+  CLI::Option* const verbose = app.add_flag("-v,--verbose", options.verbose, "Log debug lines too");
+  app.add_flag("-q,--quiet", options.quiet, "Log errors only; no progress, no table")
+      ->excludes(verbose);
+
+  // Options may stand behind the subcommand: what it does not know goes to the program.
+  app.require_subcommand(0, 1);
+  app.fallthrough();
+  app.add_subcommand("migrate", "Migrate every application (what happens without a command)");
+  CLI::App* const apps = app.add_subcommand("apps", "Show the installed applications");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    // Once it has forgotten the subcommand it prints the help that has the options.
+    app.clear();
+    print(app.help());
+    return kExitSuccess;
+  } catch (const CLI::CallForVersion& version) {
+    print(std::string(version.what()) + "\n");
+    return kExitSuccess;
+  } catch (const CLI::ParseError& error) {
+    complain(error.what());
+    return kExitUsage;
+  }
+  options.command = apps->parsed() ? Command::kApps : Command::kMigrate;
+  options.logFormat = jsonLogs ? LogFormat::kJSON : LogFormat::kText;
+  return options;
+}
+
+}  // namespace pallion::host

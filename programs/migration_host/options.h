@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <variant>
+
+#include "platform/log_line.h"
+
+namespace pallion::host {
+
+enum class Command { kMigrate, kApps };
+
+struct Options {
+  Command command = Command::kMigrate;
+  std::string root = "/";
+  std::string plugin;   // empty: the module beside the program
+  std::string logFile;  // empty: the logs inside the root
+  LogFormat logFormat = LogFormat::kText;
+  bool json = false;
+  bool verbose = false;
+  bool quiet = false;
+};
+
+// What the command line asks for, or the status with which the program ends at once: help and
+// version have been printed (0), or one line on wrong usage (kExitUsage).
+std::variant<Options, int> parseOptions(int argc, char** argv);
+
+}  // namespace pallion::host

@@ -1,0 +1,69 @@
+#include "programs/migration_host/root_directory.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace pallion::host {
+
+namespace {
+
+int errorOf(int result) { return result < 0 ? errno : 0; }
+
+int writeProcessFile(const char* path, const std::string& text) {
+  const int descriptor = ::open(path, O_WRONLY | O_CLOEXEC);
+  if (descriptor < 0) return errno;
+  const int error = errorOf(static_cast<int>(write(descriptor, text.data(), text.size())));
+  close(descriptor);
+  return error;
+}
+
+// The caller's user and group become root of a new user namespace, which may change its root
+// directory.
+int becomeRootOfNamespace() {
+  const std::string user = std::to_string(geteuid());
+  const std::string group = std::to_string(getegid());
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return errno;
+  int error = writeProcessFile("/proc/self/uid_map", "0 " + user + " 1");
+  // The kernel takes a group map from an unprivileged process only when setgroups is given up.
+  if (error == 0) error = writeProcessFile("/proc/self/setgroups", "deny");
+  if (error == 0) error = writeProcessFile("/proc/self/gid_map", "0 " + group + " 1");
+  return error;
+}
+
+}  // namespace
+
+RootDirectory::~RootDirectory() {
+  if (descriptor_ >= 0) close(descriptor_);
+}
+
+int RootDirectory::open(const std::string& path) {
+  descriptor_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  return errorOf(descriptor_);
+}
+
+int RootDirectory::lock() { return errorOf(flock(descriptor_, LOCK_EX | LOCK_NB)); }
+
+int RootDirectory::enter() {
+  struct stat wanted {};
+  struct stat present {};
+  if (fstat(descriptor_, &wanted) != 0 || stat("/", &present) != 0) return errno;
+  if (wanted.st_dev == present.st_dev && wanted.st_ino == present.st_ino)
+    return errorOf(chdir("/"));
+  // Refused here already when the directory may not be searched.
+  if (fchdir(descriptor_) != 0) return errno;
+  if (chroot(".") != 0) {
+    if (errno != EPERM) return errno;
+    const int error = becomeRootOfNamespace();
+    if (error != 0) return error;
+    if (chroot(".") != 0) return errno;
+  }
+  unsetenv("TMPDIR");
+  return errorOf(chdir("/"));
+}
+
+}  // namespace pallion::host

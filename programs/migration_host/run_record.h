@@ -1,0 +1,36 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace pallion::host {
+
+// What became of one container.
+struct ContainerRecord {
+  std::string identifier;
+  std::string path;
+  bool result = false;
+  // The first error that was logged while the container was in hand; empty for none.
+  std::string reason;
+};
+
+// What became of a run. Members without a value were not reached.
+struct RunRecord {
+  std::optional<std::string> dataClassName;
+  std::optional<float> estimatedDuration;  // seconds
+  std::optional<bool> result;
+  std::optional<float> progress;  // when performMigration had returned
+  std::optional<double> seconds;  // since the migrator was made
+  // In the order in which they were dealt with. Inventory items that were no container to migrate
+  // are not among them.
+  std::vector<ContainerRecord> containers;
+  // Errors that were logged while no container was in hand.
+  std::vector<std::string> otherProblems;
+};
+
+// Lines for people: one a container (identifier, outcome, reason), one for each other problem, and
+// the totals.
+std::string runTable(const RunRecord& record);
+
+}  // namespace pallion::host

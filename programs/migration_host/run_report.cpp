@@ -1,0 +1,92 @@
+#include "programs/migration_host/run_report.h"
+
+#include <thread>
+#include <utility>
+
+#include "programs/migration_host/console.h"
+#include "programs/migration_host/json_output.h"
+
+namespace pallion::host {
+
+void RunReport::itemStarted(std::string_view identifier, std::string_view path) {
+  const std::lock_guard lock(mutex_);
+  inHand_ = {std::string(identifier), std::string(path), false, {}};
+  hasInHand_ = true;
+}
+
+void RunReport::itemFinished(bool result) {
+  const std::lock_guard lock(mutex_);
+  if (!hasInHand_) return;
+  hasInHand_ = false;
+  inHand_.result = result;
+  if (form_ == ReportForm::kJSON) print(containerJSON(inHand_));
+  record_.containers.push_back(std::move(inHand_));
+}
+
+void RunReport::errorLogged(std::string_view message) {
+  const std::lock_guard lock(mutex_);
+  if (!hasInHand_) {
+    record_.otherProblems.emplace_back(message);
+  } else if (inHand_.reason.empty()) {
+    inHand_.reason = message;
+  }
+}
+
+void RunReport::began() {
+  const std::lock_guard lock(mutex_);
+  hasBegun_ = true;
+  beginning_ = std::chrono::steady_clock::now();
+}
+
+void RunReport::described(const std::string& dataClassName, float estimatedDuration) {
+  const std::lock_guard lock(mutex_);
+  record_.dataClassName = dataClassName;
+  record_.estimatedDuration = estimatedDuration;
+}
+
+void RunReport::ended(bool result, float progress) {
+  const std::lock_guard lock(mutex_);
+  record_.result = result;
+  record_.progress = progress;
+}
+
+RunReport::Moment RunReport::moment() {
+  const std::lock_guard lock(mutex_);
+  return {hasInHand_ ? inHand_.identifier : std::string(), record_.containers.size(),
+          secondsSinceBegin()};
+}
+
+std::string RunReport::firstProblem() {
+  const std::lock_guard lock(mutex_);
+  return record_.otherProblems.empty() ? std::string() : record_.otherProblems.front();
+}
+
+void RunReport::finish(int exitStatus) {
+  const std::lock_guard lock(mutex_);
+  if (hasBegun_) record_.seconds = secondsSinceBegin();
+  if (form_ == ReportForm::kJSON) {
+    print(summaryJSON(record_, exitStatus));
+  } else if (form_ == ReportForm::kTable && record_.result) {
+    print(runTable(record_));
+  }
+}
+
+void RunReport::finishInterrupted(int exitStatus) {
+  if (form_ != ReportForm::kJSON) return;
+  // The run's thread holds the lock for long only where standard output does not take a line; then
+  // there is no telling it anything.
+  for (int i = 0; i < 20; ++i) {
+    if (mutex_.try_lock()) {
+      record_.seconds = secondsSinceBegin();
+      print(summaryJSON(record_, exitStatus));
+      return;  // with the lock
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+double RunReport::secondsSinceBegin() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - beginning_).count();
+}
+
+}  // namespace pallion::host

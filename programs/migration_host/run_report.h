@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "platform/migration_plugin.h"
+#include "programs/migration_host/host_logs.h"
+#include "programs/migration_host/run_record.h"
+
+namespace pallion::host {
+
+enum class ReportForm { kNone, kTable, kJSON };
+
+// Collects what happens in a run and tells it on standard output: as JSON a line with every
+// container, at the end the summary or the table. The run's thread feeds it; the progress display
+// and the end by a signal ask it from their own.
+class RunReport : public MigrationObserver, public ErrorListener {
+ public:
+  explicit RunReport(ReportForm form) : form_(form) {}
+
+  void itemStarted(std::string_view identifier, std::string_view path) override;
+  void itemFinished(bool result) override;
+  void errorLogged(std::string_view message) override;
+
+  // The migrator is about to be made; the clock starts.
+  void began();
+  void described(const std::string& dataClassName, float estimatedDuration);
+  void ended(bool result, float progress);
+
+  struct Moment {
+    std::string identifier;  // of the container in hand, or empty
+    size_t finished = 0;     // containers
+    double seconds = 0;
+  };
+  [[nodiscard]] Moment moment();
+  // The first error that was logged outside any container, or empty.
+  [[nodiscard]] std::string firstProblem();
+
+  // The last words on standard output.
+  void finish(int exitStatus);
+  // The same for a process that is about to end in the midst of a run: never waits long, and
+  // nothing more is told after it.
+  void finishInterrupted(int exitStatus);
+
+ private:
+  [[nodiscard]] double secondsSinceBegin() const;
+
+  const ReportForm form_;
+  std::mutex mutex_;
+  RunRecord record_;
+  ContainerRecord inHand_;
+  bool hasInHand_ = false;
+  bool hasBegun_ = false;
+  std::chrono::steady_clock::time_point beginning_;
+};
+
+}  // namespace pallion::host

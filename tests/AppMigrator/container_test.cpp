@@ -1,0 +1,278 @@
+#include <functional>
+#include <gtest/gtest.h>
+
+#include "AppMigrator/container_info.h"
+#include "file_operations/file_manager.h"
+#include "foundation/property_list.h"
+#include "platform/extended_attributes.h"
+#include "platform/recursive_remove.h"
+#include "platform/set_aside.h"
+#include "tests/AppMigrator/migrator_fixture.h"
+
+namespace pallion::test {
+
+namespace {
+
+class Container : public MigratorFixture {
+ protected:
+  [[nodiscard]] std::string newLetter(const std::string& identifier) const {
+    return readAll(installer.dataContainer(identifier) + "/Documents/letter");
+  }
+};
+
+Dictionary status(const char* name) {
+  return {{"Error", Value::string(name)},
+          {"ErrorDescription", Value::string("why")},
+          {"ErrorDetail", Value::string("more")}};
+}
+
+}  // namespace
+
+// What becomes of the old container and of the result, for every way in which a container can end.
+TEST_F(Container, EndsAsTheDecisionTableSays) {
+  struct Row {
+    const char* name;
+    std::function<void()> make;
+    bool result;
+    bool remains;
+    std::vector<std::string>
+        errors;  // about the container; "$E" stands for the failed line of the run
+  };
+  const std::string container = std::string(kApplications) + "/C";
+  const std::string failed = "3 PLAppMigrator: Migration of org.foo at $A/C/Foo.app/ failed";
+  const std::string icon =
+      "3 PLAppMigrator: Failed to create icon from bundle QXBundle $A/C/Foo.app/";
+  const std::vector<Row> rows = {
+      {"everything succeeds", [] {}, true, false, {}},
+      {"placeholder refused",
+       [&] { installer.refusePlaceholders = true; },
+       false,
+       true,
+       {"3 PLAppMigrator: Failed to install placeholder for org.foo: {LocalizedDescription = "
+        "refused}",
+        failed}},
+      {"no record",
+       [&] { installer.knowNoProxy = true; },
+       false,
+       true,
+       {"3 PLAppMigrator: Failed to get bundle proxy for identifier org.foo", failed}},
+      {"no data container",
+       [&] { installer.giveNoDataContainer = true; },
+       false,
+       true,
+       {"3 PLAppMigrator: Failed to get data container URL for org.foo",
+        "3 PLAppMigrator: Proxy had bundle identifier org.foo",
+        "3 PLAppMigrator: Proxy had bundle type App",
+        "3 PLAppMigrator: Proxy had bundle URL (null)",
+        "3 PLAppMigrator: Proxy had bundle container URL (null)",
+        "3 PLAppMigrator: Proxy did not have backing bundle", failed}},
+      {"bundle refused",
+       [&] { installer.refuseBundles = true; },
+       false,
+       false,
+       {"3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused", failed}},
+      {"bundle refused with a name",
+       [&] {
+         installer.refuseBundles = true;
+         installer.statuses = {Dictionary(), status("SomeError")};
+       },
+       false,
+       false,
+       {"3 PLAppMigrator: Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : "
+        "more)",
+        "3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused", failed}},
+      {"status but success",
+       [&] { installer.statuses = {status("SomeError")}; },
+       true,
+       false,
+       {"3 PLAppMigrator: Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : "
+        "more)"}},
+      {"payload can't be made",
+       [&] { root.makeFile(container + "/Staging", "in the way"); },
+       false,
+       false,
+       {"3 PLAppMigrator: Failed to create file://$A/C/Staging/Payload/ : POSIX 20: mkpath_np of "
+        "$A/C/Staging/Payload/ failed: Not a directory",
+        failed}},
+      {"no groups to be had",
+       [&] {
+         installer.giveNoGroups = true;
+         makeInstallMap({{"g", Value::integer(1)}});
+       },
+       false,
+       true,
+       {"3 PLAppMigrator: Failed to get group container URLs for installed org.foo", failed}},
+      {"stray file",
+       [&] { root.makeFile(container + "/stray", "x"); },
+       false,
+       true,
+       {"3 PLAppMigrator: Found missed items in $A/C/ for org.foo: (file://$A/C/stray)", failed}},
+      {"marker name in other case",
+       [&] { root.makeFile(container + "/com.orlix.pallion.Placeholder", "x"); },
+       false,
+       true,
+       {"3 PLAppMigrator: Found missed items in $A/C/ for org.foo: "
+        "(file://$A/C/com.orlix.pallion.Placeholder)",
+        failed}},
+      {"names that never count",
+       [&] {
+         root.makeFile(container + "/com.orlix.pallion.migration_marker");
+         root.makeFile(container + "/com.orlix.pallion.placeholder");
+       },
+       true,
+       false,
+       {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    PLFileManager::defaultManager().removeItemAtURL(configuration.oldContainerPath(), nullptr);
+    PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(root / "new"), nullptr);
+    PLFileManager::defaultManager().removeItemAtURL(configuration.oldInstallMapPath(), nullptr);
+    installer.installed.clear();
+    installer.refusePlaceholders = installer.refuseBundles = installer.knowNoProxy = false;
+    installer.giveNoDataContainer = installer.giveNoGroups = false;
+    installer.statuses.clear();
+    makeApplication("C", "org.foo");
+    row.make();
+    hostLog.lines.clear();
+    EXPECT_EQ(run(), row.result);
+    EXPECT_EQ(exists(inApplications("C")), row.remains);
+    // A container that stays keeps its marker.
+    EXPECT_EQ(exists(inApplications("C/com.orlix.pallion.container_migrator.plist")), row.remains);
+    std::vector<std::string> errors = lines();
+    std::erase_if(errors, [&](const std::string& line) {
+      return line == icon || line.find("Writing placeholder icon") != std::string::npos ||
+             line.find("Not removing") != std::string::npos || line == kRunFailedLine;
+    });
+    EXPECT_EQ(errors, row.errors);
+    // The letter is in the old place or in the new one.
+    EXPECT_EQ(readAll(inApplications("C/Documents/letter")) + newLetter("org.foo"), "org.foo");
+  }
+}
+
+TEST_F(Container, OlderThanTheSystemsOwnCountsAsDone) {
+  makeApplication("C", "org.foo");
+  installer.refuseBundles = true;
+  installer.statuses = {status("ApplicationAlreadyInstalled")};
+  EXPECT_FALSE(
+      run());  // the refused staging directory was left by this installer, so it is a missed item
+  EXPECT_TRUE(
+      logged("5 PLAppMigrator: Installation of $A/C/Foo.app/ failed because it's older than what's "
+             "built into "
+             "the system. Data migration already happened so we're done here."));
+  EXPECT_FALSE(
+      logged("3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused"));
+  EXPECT_EQ(newLetter("org.foo"), "org.foo");
+}
+
+TEST_F(Container, PlaceholderBundleMovesDataAlone) {
+  for (const bool known : {true, false}) {
+    makeApplication("C", "org.foo");
+    const uint32_t mark = 1;
+    ASSERT_EQ(
+        0, ExtendedAttributes::current().set(inApplications("C/Foo.app").c_str(),
+                                             "com.orlix.palliond.placeholder", &mark, sizeof mark));
+    root.makeFile(std::string(kApplications) + "/C/stray", "no missed-items check is made");
+    installer.installed.clear();
+    if (known) installer.installed = {"org.foo"};
+    installer.installations.clear();
+    EXPECT_TRUE(run());
+    EXPECT_EQ(installer.installations.size(), known ? 0U : 1U);
+    EXPECT_EQ(newLetter("org.foo"), "org.foo");
+    EXPECT_FALSE(exists(inApplications("C")));
+  }
+}
+
+TEST_F(Container, OldItemsReplaceTheInstallersWholly) {
+  makeApplication("C", "org.foo");
+  root.makeFile(std::string(kApplications) + "/C/Tillbox/receipt", "r");
+  root.makeLink(std::string(kApplications) + "/C/tmp", "/nowhere");
+  root.makeFile("new/data/org.foo/Documents/installers", "gone afterwards");
+  root.makeFile("new/data/org.foo/Library/installers", "stays: there is no old one");
+  EXPECT_TRUE(run());
+  const std::string data = installer.dataContainer("org.foo");
+  EXPECT_EQ(newLetter("org.foo"), "org.foo");
+  EXPECT_FALSE(exists(data + "/Documents/installers"));
+  EXPECT_TRUE(exists(data + "/Library/installers"));
+  EXPECT_TRUE(exists(data + "/Tillbox/receipt"));
+  EXPECT_TRUE(exists(data + "/tmp"));  // the link itself
+}
+
+TEST_F(Container, AFailedMoveLeavesTheRestAndLaterRunsFinish) {
+  makeApplication("C", "org.foo");
+  root.makeFile(std::string(kApplications) + "/C/Library/kept", "k");
+  root.makeFile(std::string(kApplications) + "/C/tmp/scrap", "s");
+  // A directory in the way that can't be removed: a remover that refuses everything below
+  // "Library".
+  class Refusing : public RecursiveRemove {
+   public:
+    int remove(const char* path, RemovalState& state) override {
+      if (std::string_view(path).ends_with("/org.foo/Library")) return errno = EPERM, -1;
+      return system().remove(path, state);
+    }
+  } refusing;
+  root.makeFile("new/data/org.foo/Library/blocking", "b");
+  RecursiveRemove::replace(&refusing);
+  EXPECT_FALSE(run());
+  RecursiveRemove::replace(nullptr);
+  EXPECT_EQ(newLetter("org.foo"), "org.foo");
+  EXPECT_TRUE(exists(inApplications("C/Library/kept")));
+  EXPECT_TRUE(exists(inApplications("C/tmp/scrap")));
+  EXPECT_TRUE(
+      logged("3 PLAppMigrator: Failed to move file://$A/C/Library/ to "
+             "file://$R/new/data/org.foo/Library/ migrating "
+             "for org.foo : POSIX 39: rename of file://$A/C/Library/ to "
+             "file://$R/new/data/org.foo/Library/ failed: "
+             "Directory not empty"));
+  hostLog.lines.clear();
+  EXPECT_TRUE(run());
+  EXPECT_TRUE(
+      logged("5 PLAppMigrator: App org.foo is already installed, so not creating placeholder."));
+  EXPECT_EQ(readAll(installer.dataContainer("org.foo") + "/Library/kept"), "k");
+  EXPECT_EQ(newLetter("org.foo"), "org.foo");
+}
+
+// What an interrupted move across volumes leaves is not user data any more: it is swept, never
+// missed, never moved.
+TEST_F(Container, LeftoversOfInterruptedMovesAreSwept) {
+  const std::string aside = std::string(kSetAsidePrefix) + "01234567-89AB-4CDE-8F01-23456789ABCD";
+  makeApplication("C", "org.foo");
+  root.makeFile(std::string(kApplications) + "/C/" + aside + "/half", "removed");
+  root.makeFile("old-group/" + aside + "/half", "removed");
+  root.makeFile("old-group/shared", "kept");
+  makeInstallMap({{"g", Value::dictionary({{"Container", Value::string(root / "old-group")}})}});
+  installer.groups["org.foo"] = {"g"};
+  EXPECT_TRUE(run());
+  EXPECT_EQ(readAll(root / "new/group/g/shared"), "kept");
+  EXPECT_FALSE(exists(root / ("new/group/g/" + aside)));
+  EXPECT_FALSE(exists(root / "old-group"));
+  // A name that only looks like one is an item like any other.
+  makeApplication("D", "org.bar");
+  root.makeFile(std::string(kApplications) + "/D/" + std::string(kSetAsidePrefix) + "x", "stray");
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(exists(inApplications("D/" + std::string(kSetAsidePrefix) + "x")));
+}
+
+TEST_F(Container, RemovalBeginsWithTheMarker) {
+  makeApplication("C", "org.foo");
+  class Recording : public RecursiveRemove {
+   public:
+    int remove(const char* path, RemovalState& state) override {
+      paths.emplace_back(path);
+      return system().remove(path, state);
+    }
+    std::vector<std::string> paths;
+  } recording;
+  RecursiveRemove::replace(&recording);
+  EXPECT_TRUE(run());
+  RecursiveRemove::replace(nullptr);
+  const auto at = [&](const std::string& path) {
+    return std::find(recording.paths.begin(), recording.paths.end(), path) -
+           recording.paths.begin();
+  };
+  EXPECT_LT(at(inApplications("C/com.orlix.pallion.container_migrator.plist")),
+            at(inApplications("C")));
+  EXPECT_LT(static_cast<size_t>(at(inApplications("C"))), recording.paths.size());
+}
+
+}  // namespace pallion::test

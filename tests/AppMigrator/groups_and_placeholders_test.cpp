@@ -1,0 +1,169 @@
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "platform/bundle.h"
+#include "platform/icon.h"
+#include "platform/recursive_remove.h"
+#include "tests/AppMigrator/migrator_fixture.h"
+
+namespace pallion::test {
+
+namespace {
+
+class Groups : public MigratorFixture {
+ protected:
+  [[nodiscard]] Value entry(const std::string& path) const {
+    return Value::dictionary({{"Container", Value::string(root / path)}});
+  }
+};
+
+class Placeholder : public MigratorFixture {};
+
+// A renderer that always has a picture.
+class Painter : public IconRenderer {
+ public:
+  Painter() { replace(this); }
+  ~Painter() override { replace(nullptr); }
+  std::optional<Image> render(QXBundle&) override { return Image{1, 1, {1, 2, 3, 255}}; }
+};
+
+}  // namespace
+
+TEST_F(Groups, AreMovedOnceAndSkippedWithTheirReasons) {
+  makeApplication("C", "org.foo");
+  installer.groups["org.foo"] = {"g.file", "g.missing", "g.number", "g.string", "g.unknown"};
+  root.makeFile("groups/1/data", "old");
+  root.makeLink("groups/1/link", "/nowhere");
+  root.makeFile("new/group/g.file/data", "new, replaced");
+  root.makeFile("new/group/g.file/own", "stays");
+  makeInstallMap({{"g.file", entry("groups/1")},
+                  {"g.missing", entry("groups/none")},
+                  {"g.number", Value::dictionary({{"Container", Value::integer(4)}})},
+                  {"g.string", Value::string("text")}});
+  EXPECT_TRUE(run());
+  EXPECT_EQ(readAll(root / "new/group/g.file/data"), "old");
+  EXPECT_EQ(readAll(root / "new/group/g.file/own"), "stays");
+  EXPECT_TRUE(exists(root / "new/group/g.file/link"));
+  EXPECT_FALSE(exists(root / "groups/1"));
+  for (const char* line :
+       {"5 PLAppMigrator: Migrating group container g.file at file://$R/groups/1/ to "
+        "file://$R/new/group/g.file/",
+        "3 PLAppMigrator: Missing source group container at $R/groups/none/",
+        "5 PLAppMigrator: Failed to get path to group container for org.foo[g.number]",
+        "5 PLAppMigrator: No group container entry to migrate for org.foo[g.string]",
+        "5 PLAppMigrator: No group container entry to migrate for org.foo[g.unknown]"}) {
+    EXPECT_TRUE(logged(line)) << line;
+  }
+}
+
+TEST_F(Groups, AreSharedByTheirApplications) {
+  makeApplication("C", "org.foo");
+  makeApplication("D", "org.bar");
+  installer.groups = {{"org.foo", {"g"}}, {"org.bar", {"g"}}};
+  root.makeFile("groups/1/data", "shared");
+  makeInstallMap({{"g", entry("groups/1")}, {"of no application", entry("groups/2")}});
+  EXPECT_TRUE(run());
+  EXPECT_EQ(readAll(root / "new/group/g/data"), "shared");
+  EXPECT_TRUE(logged("5 PLAppMigrator: No group container entry to migrate for org.foo[g]") !=
+              logged("5 PLAppMigrator: No group container entry to migrate for org.bar[g]"));
+}
+
+TEST_F(Groups, WithAnItemThatDoesNotMoveStay) {
+  makeApplication("C", "org.foo");
+  makeApplication("D", "org.bar");
+  installer.groups = {{"org.foo", {"g"}}, {"org.bar", {"g"}}};
+  root.makeFile("groups/1/data", "moved");
+  // The new container is a file, so nothing can be moved into it.
+  root.makeFile("groups/1/stuck/inner", "kept");
+  root.makeFile("new/group/g/stuck/in-the-way", "x");
+  class Refusing : public RecursiveRemove {
+   public:
+    Refusing() { replace(this); }
+    ~Refusing() override { replace(nullptr); }
+    int remove(const char* path, RemovalState& state) override {
+      if (std::string_view(path).ends_with("/g/stuck")) return errno = EPERM, -1;
+      return system().remove(path, state);
+    }
+  } refusing;
+  makeInstallMap({{"g", entry("groups/1")}});
+  EXPECT_TRUE(run());
+  EXPECT_EQ(readAll(root / "new/group/g/data"), "moved");
+  EXPECT_EQ(readAll(root / "groups/1/stuck/inner"), "kept");
+  // Its entry stays for the next application that shares it.
+  const std::string failure =
+      "3 PLAppMigrator: Failed to move item $R/groups/1/stuck/ to $R/new/group/g/stuck : ";
+  EXPECT_EQ(std::ranges::count_if(
+                lines(), [&](const std::string& line) { return line.starts_with(failure); }),
+            2);
+}
+
+TEST_F(Placeholder, HoldsIdentityIconAndMetadata) {
+  makeApplication("C", "org.foo");
+  writeList(std::string(kApplications) + "/C/Foo.app/Info.plist",
+            {{kQXBundleVersion, Value::string("1.2")},
+             {kQXBundleIdentifier, Value::string("org.foo")},
+             {kQXBundleShortVersionString, Value::integer(7)},
+             {"Other", Value::string("not copied")}});
+  root.makeFile(std::string(kApplications) + "/C/BriscaMetadata.plist", "any bytes");
+  const Painter painter;
+  EXPECT_TRUE(run());
+  ASSERT_EQ(installer.installations.size(), 2U);
+  const FakeInstaller::Installation& placeholder = installer.installations[0];
+  EXPECT_EQ(placeholder.url.lastPathComponent(), "org.foo.app");
+  EXPECT_EQ(placeholder.url.deletingLastPathComponent().lastPathComponent(),
+            "com.orlix.pallion.migrator");
+  EXPECT_EQ(placeholder.entries, (std::vector<std::string>{"Icon.png", "Info.plist"}));
+  EXPECT_EQ(placeholder.info, (Dictionary{{kQXBundleIdentifier, Value::string("org.foo")},
+                                          {kQXBundleVersion, Value::string("1.2")},
+                                          {kQXBundleShortVersionString, Value::integer(7)},
+                                          {kQXBundleIconFile, Value::string("Icon.png")}}));
+  EXPECT_EQ(placeholder.options, (Dictionary{{kAppInstallTypeKey, Value::unsignedInteger(6)},
+                                             {kAppPackageTypeKey, Value::string("Placeholder")},
+                                             {"SkipBlacklist", Value::boolean(true)},
+                                             {kQXBundleIdentifier, Value::string("org.foo")},
+                                             {kAppBriscaMetadataKey, Value::data("any bytes")}}));
+  EXPECT_FALSE(exists(placeholder.url.fileSystemRepresentation()));
+  EXPECT_EQ(installer.installations[1].options,
+            (Dictionary{{kAppInstallTypeKey, Value::unsignedInteger(6)},
+                        {kAppPackageTypeKey, Value::string("Customer")},
+                        {"VerifyForMigrator", Value::boolean(true)},
+                        {"SkipBlacklist", Value::boolean(true)},
+                        {kQXBundleIdentifier, Value::string("org.foo")}}));
+  EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(Placeholder, DoesWithoutIconAndMetadata) {
+  makeApplication("C", "org.foo");
+  ASSERT_EQ(0, mkfifo(inApplications("C/BriscaMetadata.plist").c_str(), 0600));
+  run();
+  ASSERT_FALSE(installer.installations.empty());
+  const FakeInstaller::Installation& placeholder = installer.installations[0];
+  EXPECT_EQ(placeholder.entries, (std::vector<std::string>{"Info.plist"}));
+  EXPECT_FALSE(placeholder.info.get(kQXBundleIconFile));
+  EXPECT_FALSE(placeholder.options.get(kAppBriscaMetadataKey));
+  EXPECT_EQ(
+      lines()[0],
+      "3 PLAppMigrator: Failed to read $A/C/BriscaMetadata.plist : POSIX 22: Invalid argument");
+  EXPECT_EQ(lines()[1],
+            "3 PLAppMigrator: Failed to create icon from bundle QXBundle $A/C/Foo.app/");
+  EXPECT_TRUE(lines()[2].starts_with(
+      "3 PLAppMigrator: Writing placeholder icon for app org.foo to file://"));
+}
+
+TEST_F(Placeholder, NeverLeavesItsDirectory) {
+  for (const char* identifier : {"", "..", "a/b", "../../x", "new\nline"}) {
+    makeBundle("C", "Foo.app", "x");
+    Dictionary marker = markerFor("C", "Foo.app", identifier);
+    makeMarker("C", marker);
+    hostLog.lines.clear();
+    EXPECT_FALSE(run());
+    EXPECT_TRUE(installer.installations.empty());
+    EXPECT_TRUE(lines()[0].starts_with(
+        "3 PLAppMigrator: Failed to create staged placeholder directory at "))
+        << lines()[0];
+    EXPECT_TRUE(exists(inApplications("C/Foo.app/main")));
+  }
+}
+
+}  // namespace pallion::test

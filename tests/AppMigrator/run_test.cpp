@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+
+#include "file_operations/file_manager.h"
+#include "platform/bundle.h"
+#include "tests/AppMigrator/migrator_fixture.h"
+
+namespace pallion::test {
+
+namespace {
+
+class Run : public MigratorFixture {};
+
+std::vector<std::string> withPrefix(const std::vector<std::string>& lines,
+                                    const std::string& prefix) {
+  std::vector<std::string> found;
+  for (const std::string& line : lines) {
+    if (line.starts_with(prefix)) found.push_back(line.substr(prefix.size()));
+  }
+  return found;
+}
+
+}  // namespace
+
+TEST_F(Run, WithoutAnOldLayoutOnlyHarborsAndProtectionAreLookedAt) {
+  PLAppMigrator migrator(configuration);
+  ASSERT_TRUE(migrator.init());
+  EXPECT_EQ(migrator.dataClassName(), "PLAppMigrator");
+  EXPECT_EQ(migrator.estimatedDuration(), 20.0F);
+  EXPECT_EQ(migrator.migrationProgress(), 0.5F);
+  EXPECT_TRUE(migrator.performMigration());
+  EXPECT_TRUE(hostLog.lines.empty());
+  ASSERT_EQ(installer.protectionCalls.size(), 1U);
+  EXPECT_EQ(installer.protectionCalls[0],
+            (Dictionary{{kPLUpdateSystemAppDataContainerDataProtection, Value::boolean(true)}}));
+}
+
+TEST_F(Run, RemovesAnOldLayoutOfNothingButLinksAtOnce) {
+  root.makeLink(std::string(kApplications) + "/link", "/nowhere");
+  makeInstallMap({});
+  PLAppMigrator migrator(configuration);
+  ASSERT_TRUE(migrator.init());
+  EXPECT_FALSE(exists(root / kApplications));
+  EXPECT_FALSE(exists(root / kInstallMap));
+  EXPECT_EQ(migrator.migrationProgress(), 0.5F);
+}
+
+TEST_F(Run, YieldsNoMigratorWhenTheInventoryCannotBeTaken) {
+  root.makeFile(kApplications, "a file");
+  PLAppMigrator migrator(configuration);
+  EXPECT_FALSE(migrator.init());
+  ASSERT_EQ(lines().size(), 1U);
+  EXPECT_EQ(lines()[0],
+            "3 PLAppMigrator: Failed to get items at file://$A/ : POSIX 20: _IterateDirectory for "
+            "$R/private/var/mobile/Applications returned Not a directory");
+}
+
+TEST_F(Run, CountsEveryItemOnce) {
+  for (int i = 0; i < 7; ++i)
+    makeApplication("C" + std::to_string(i), "org.foo" + std::to_string(i));
+  root.makeFile(std::string(kApplications) + "/WhereDidMyApplicationsGo.txt");
+  PLAppMigrator migrator(configuration);
+  ASSERT_TRUE(migrator.init());
+  EXPECT_EQ(migrator.estimatedDuration(), 38.0F);
+  EXPECT_EQ(migrator.migrationProgress(), 0.0F);
+  EXPECT_TRUE(migrator.performMigration());
+  EXPECT_EQ(migrator.migrationProgress(), 1.0F);
+  EXPECT_TRUE(withPrefix(lines(false), "5 PLAppMigrator: Found").size() == 7);
+  for (const std::string& category : hostLog.categories) EXPECT_EQ(category, "Shiftweller");
+  EXPECT_EQ(hostLog.functions.front(), "-[PLAppMigrator init]");
+  EXPECT_FALSE(exists(root / kApplications));
+}
+
+// Applications go first and backwards, the others after them in their order.
+TEST_F(Run, MigratesInItsOrder) {
+  makeApplication("1", "app.1");
+  makeBundle("2", "V.vpnplugin", "vpn.2");
+  makeApplication("3", "app.3");
+  makeMarker("4", markerFor("4", "Foo.app", "app.4"));
+  Dictionary vpnMarker = markerFor("5", "V.vpnplugin", "vpn.5");
+  vpnMarker.set("ContainerType", Value::string("Foo"));
+  makeMarker("5", vpnMarker);
+  run();
+  // The directory's own order is the kernel's; the lines tell it.
+  std::vector<std::string> early;
+  std::vector<std::string> late;
+  for (const std::string& path : withPrefix(lines(false), "5 PLAppMigrator: Introspecting $A/")) {
+    const bool isApplication = path != "2/" && path != "5/";
+    const std::string identifier = (isApplication ? "app." : "vpn.") + path.substr(0, 1);
+    if (isApplication) {
+      early.insert(early.begin(), identifier);
+    } else {
+      late.push_back(identifier);
+    }
+  }
+  early.insert(early.end(), late.begin(), late.end());
+  std::vector<std::string> migrated;
+  for (const std::string& line : withPrefix(lines(false), "5 PLAppMigrator: Migrating ")) {
+    if (line.find(" at $A/") != std::string::npos)
+      migrated.push_back(line.substr(0, line.find(' ')));
+  }
+  EXPECT_EQ(migrated, early);
+  EXPECT_EQ(migrated.size(), 5U);
+}
+
+TEST_F(Run, KeepsTheOldLayoutWhileAnythingIsLeft) {
+  makeApplication("C", "org.foo");
+  root.makeLink(std::string(kApplications) + "/link", "/nowhere");
+  makeInstallMap({});
+  EXPECT_FALSE(run());
+  EXPECT_FALSE(exists(inApplications("C")));
+  EXPECT_TRUE(exists(root / kInstallMap));
+  EXPECT_TRUE(logged("3 PLAppMigrator: Not removing $R/" + std::string(kInstallMap) +
+                     " because 1 items remain unmigrated."));
+  EXPECT_EQ(lines().back(), kRunFailedLine);
+}
+
+TEST_F(Run, FailsWhenDataProtectionFails) {
+  installer.failDataProtection = true;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(lines(),
+            (std::vector<std::string>{"3 PLAppMigrator: Failed to update container data protection",
+                                      kRunFailedLine}));
+}
+
+TEST_F(Run, ReadsWhatItCanOfTheInstallMap) {
+  struct Row {
+    std::function<void()> make;
+    std::string line;
+  };
+  const std::string map = "$R/" + std::string(kInstallMap);
+  const std::vector<Row> rows = {
+      {[] {}, "5 PLAppMigrator: Old install map not found at " + map},
+      {[&] { root.makeFile(kInstallMap, "no list"); },
+       "5 PLAppMigrator: Old install map not found at " + map},
+      {[&] {
+         writeList(kInstallMap, {{"Other", Value::integer(1)}});
+       },
+       "5 PLAppMigrator: No group container map found in install map"},
+      {[&] {
+         writeList(kInstallMap, {{"GroupContainers", Value::array({})}});
+       },
+       "5 PLAppMigrator: No group container map found in install map"},
+  };
+  for (const Row& row : rows) {
+    makeApplication("C", "org.foo");
+    row.make();
+    hostLog.lines.clear();
+    EXPECT_TRUE(run());
+    EXPECT_TRUE(logged(row.line)) << row.line;
+  }
+}
+
+// Harbors that can't be understood are dropped; one that can't be registered keeps the map.
+TEST_F(Run, RegistersSafeHarbors) {
+  const auto entry = [](const char* path) {
+    return Value::dictionary({{"HarborPathKey", Value::string(path)}});
+  };
+  Dictionary map = {{"org.a", entry("/harbor/a")},
+                    {"org.b", entry("/harbor/b")},
+                    {"org.list", Value::array({})},
+                    {"org.number", Value::dictionary({{"HarborPathKey", Value::integer(3)}})}};
+  map.set(Value::integer(9), entry("/harbor/9"));
+  const std::vector<std::string> malformed = {
+      "3 PLAppMigrator: Failed to get harbor info for identifier org.list",
+      "3 PLAppMigrator: Failed to get harbor path from harbor entry for org.number : "
+      "{HarborPathKey = 3}",
+      "3 PLAppMigrator: Identifier in harbor map was not string; skipping"};
+
+  makeHarborMap(map);
+  installer.refusedHarbors = {"org.a"};
+  EXPECT_FALSE(run());
+  EXPECT_EQ(installer.harborCalls,
+            (std::vector<std::string>{"/harbor/a org.a 2", "/harbor/b org.b 2"}));
+  EXPECT_TRUE(exists(root / kHarborMap));
+  std::vector<std::string> expected = malformed;
+  expected.insert(
+      expected.begin(),
+      "3 PLAppMigrator: Failed to migrate safe harbor for identifier org.a at /harbor/a : (null)");
+  expected.emplace_back(kRunFailedLine);
+  EXPECT_EQ(lines(), expected);
+
+  hostLog.lines.clear();
+  installer.refusedHarbors.clear();
+  EXPECT_TRUE(run());
+  EXPECT_EQ(lines(), malformed);
+  EXPECT_FALSE(exists(root / kHarborMap));
+
+  makeHarborMap({});
+  EXPECT_TRUE(run());
+  EXPECT_FALSE(exists(root / kHarborMap));
+
+  hostLog.lines.clear();
+  root.makeFile(kHarborMap, "no list");
+  EXPECT_TRUE(run());
+  EXPECT_EQ(lines(), std::vector<std::string>{
+                         "3 PLAppMigrator: Failed to load existing harbor map from $R/" +
+                         std::string(kHarborMap)});
+  EXPECT_TRUE(exists(root / kHarborMap));
+}
+
+}  // namespace pallion::test

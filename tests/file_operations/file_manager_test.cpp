@@ -1,0 +1,301 @@
+#include "file_operations/file_manager.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "file_operations/error_makers.h"
+#include "file_operations/path_strings.h"
+#include "platform/protection_class.h"
+#include "platform/recursive_remove.h"
+#include "tests/helpers/recorded_logs.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion::test {
+
+namespace {
+
+const PLFileManager& files = PLFileManager::defaultManager();
+
+std::string stringDetail(const Error& error, std::string_view name) {
+  const ErrorDetails::Detail* detail = error.details().find(name);
+  return detail ? std::visit([](const auto& held) { return description(held); }, *detail) : "none";
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+}  // namespace
+
+TEST(ErrorMakers, StoreDescriptionFunctionAndLine) {
+  RecordedProductLog log;
+  const Error plain =
+      _CreateError("f", 12, kPOSIXErrorDomain, ENOENT, "no %s at %@", "luck", URL::fileURL("/a"));
+  EXPECT_EQ(plain.domain(), "POSIX");
+  EXPECT_TRUE(plain.isPOSIX(2));
+  EXPECT_EQ(plain.localizedDescription(), "no luck at file:///a");
+  EXPECT_EQ(stringDetail(plain, PLFunctionNameErrorKey), "f");
+  EXPECT_EQ(stringDetail(plain, PLSourceFileLineErrorKey), "12");
+  EXPECT_EQ(plain.details().entries().size(), 3U);
+  EXPECT_TRUE(log.lines.empty());
+
+  ErrorDetails extra;
+  extra.set(PLFunctionNameErrorKey, Value::string("the caller's"));
+  extra.set(PLPathArgumentErrorKey, URL::fileURL("/p"));
+  const Error logged = _CreateAndLogError("g", 13, PLInstallerErrorDomain, 4,
+                                          Error(kPOSIXErrorDomain, 5), &extra, "it %s", "failed");
+  EXPECT_EQ(log.lines, std::vector<std::string>{"3 g: 13: it failed (POSIX 5)"});
+  EXPECT_EQ(stringDetail(logged, PLFunctionNameErrorKey), "g");
+  EXPECT_EQ(stringDetail(logged, PLPathArgumentErrorKey), "file:///p");
+  EXPECT_EQ(description(logged), "PLInstallerErrorDomain 4: it failed (POSIX 5)");
+
+  log.lines.clear();
+  const Error silent =
+      _CreateAndLogError("h", 14, PLInstallerErrorDomain, 4, Error(), nullptr, nullptr);
+  EXPECT_TRUE(log.lines.empty());
+  EXPECT_EQ(silent.details().find(kLocalizedDescriptionKey), nullptr);
+}
+
+TEST(FileManager, ExistenceIsOfTheItemItself) {
+  TemporaryRoot root;
+  RecordedProductLog log;
+  struct Row {
+    std::string path;
+    bool exists;
+    bool doesNotExist;
+  };
+  const std::string longName(300, 'n');
+  const Row rows[] = {{root.makeFile("file"), true, false},
+                      {root.makeLink("dangling", "/nowhere"), true, false},
+                      {root / "none", false, true},
+                      {"relative", false, true},
+                      {std::string(root / "file") + std::string(1, '\0') + "x", false, true},
+                      {root / "file/below", false, false},  // ENOTDIR
+                      {root / longName, false, false}};     // ENAMETOOLONG
+  for (const Row& row : rows) {
+    EXPECT_EQ(files.itemExistsAtURL(URL::fileURL(row.path)), row.exists) << row.path;
+    EXPECT_EQ(files.itemDoesNotExistAtURL(URL::fileURL(row.path)), row.doesNotExist) << row.path;
+  }
+  ASSERT_EQ(log.lines.size(), 4U);
+  EXPECT_EQ(log.lines[0], "3 -[PLFileManager itemExistsAtURL:]: Failed to determine if file://" +
+                              (root / "file/below") + " exists: Not a directory");
+}
+
+TEST(FileManager, ListsOneLevel) {
+  TemporaryRoot root;
+  RecordedProductLog log;
+  const std::string directory = root.makeDirectory("d");
+  EXPECT_EQ(files.urlsForItemsInDirectoryAtURL(URL::fileURL(directory), false, nullptr)->size(),
+            0U);
+  root.makeFile("d/file");
+  root.makeFile("d/sub/inner");
+  root.makeLink("d/link", "sub");
+  root.makeFile("d/not \xFF utf-8");
+  const auto names = [&](bool ignoringSymlinks) {
+    std::set<std::string> found;
+    const auto items =
+        files.urlsForItemsInDirectoryAtURL(URL::fileURL(directory), ignoringSymlinks, nullptr);
+    for (const URL& url : *items) {
+      found.insert(url.path().substr(directory.size() + 1));
+    }
+    return found;
+  };
+  EXPECT_EQ(names(false), (std::set<std::string>{"file", "sub/", "link", "not \xFF utf-8"}));
+  EXPECT_TRUE(log.lines.empty());
+  EXPECT_EQ(names(true), (std::set<std::string>{"file", "sub/", "not \xFF utf-8"}));
+  EXPECT_EQ(log.lines,
+            std::vector<std::string>{
+                "5 -[PLFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]: Ignoring "
+                "symlink at " +
+                directory + "/link"});
+
+  const std::pair<std::string, int> failures[] = {{root.makeLink("to-d", "d"), ENOTDIR},
+                                                  {directory + "/file", ENOTDIR},
+                                                  {root / "none", ENOENT}};
+  for (const auto& [path, number] : failures) {
+    Error error;
+    EXPECT_FALSE(files.urlsForItemsInDirectoryAtURL(URL::fileURL(path, URL::Kind::kDirectory),
+                                                    false, &error));
+    EXPECT_TRUE(error.isPOSIX(number)) << description(error);
+    EXPECT_EQ(error.localizedDescription(),
+              "_IterateDirectory for " + path + " returned " + std::strerror(number));
+  }
+}
+
+TEST(FileManager, RemovesTreesAndReportsTheFirstFailure) {
+  TemporaryRoot root;
+  RecordedProductLog log;
+  Error untouched;
+  EXPECT_TRUE(files.removeItemAtURL(URL::fileURL(root / "none"), &untouched));
+  EXPECT_FALSE(untouched);
+  Error error;
+  EXPECT_FALSE(files.removeItemAtURL(nullptr, &error));
+  EXPECT_TRUE(error.isPOSIX(EFAULT));
+  EXPECT_EQ(error.localizedDescription(), "nil url passed to -removeItemAtURL:error:");
+
+  // What the walk hears of single items, and what comes of it.
+  struct Row {
+    std::vector<int> heard;
+    int result;
+    int errorNumber;  // of the walk itself
+    int expected;     // 0 for success
+    size_t lines;
+  };
+  const Row rows[] = {{{}, 0, 0, 0, 0},
+                      {{EPERM, EBUSY}, -1, EPERM, EPERM, 2},
+                      {{EBUSY, EPERM}, 0, 0, EBUSY, 2},
+                      {{ENOENT, EPERM}, 0, 0, 0, 1},
+                      {{}, -1, ENOENT, 0, 0},
+                      {{}, -1, EIO, EIO, 0},
+                      {{EPERM}, -1, ENOENT, EPERM, 1}};
+  class Scripted : public RecursiveRemove {
+   public:
+    int remove(const char*, RemovalState& state) override {
+      for (const int number : row->heard) EXPECT_TRUE(state.report("/item", number));
+      errno = row->errorNumber;
+      return row->result;
+    }
+    const Row* row = nullptr;
+  } scripted;
+  RecursiveRemove::replace(&scripted);
+  for (const Row& row : rows) {
+    scripted.row = &row;
+    log.lines.clear();
+    Error record;
+    EXPECT_EQ(files.removeItemAtURL(URL::fileURL("/x"), &record), row.expected == 0);
+    EXPECT_EQ(record.code(), row.expected);
+    if (row.expected != 0) {
+      EXPECT_EQ(record.localizedDescription(),
+                std::string("removefile of file:///x failed: ") + std::strerror(row.expected));
+    }
+    EXPECT_EQ(log.lines.size(), row.lines);
+  }
+  // Setting up the state may fail without consequence.
+  class Unset : public RemovalState {
+    bool setErrorCallback(ErrorCallback) override { return errno = EINVAL, false; }
+    bool setErrorContext(void*) override { return errno = ENOMEM, false; }
+  };
+  class WithUnsetState : public RecursiveRemove {
+    int remove(const char*, RemovalState&) override { return 0; }
+    RemovalState* allocateState() override { return new Unset; }
+  } withUnsetState;
+  RecursiveRemove::replace(&withUnsetState);
+  log.lines.clear();
+  EXPECT_TRUE(files.removeItemAtURL(URL::fileURL("/x"), nullptr));
+  RecursiveRemove::replace(nullptr);
+  EXPECT_EQ(log.lines, (std::vector<std::string>{
+                           "3 -[PLFileManager removeItemAtURL:error:]: removefile_state_set "
+                           "REMOVEFILE_STATE_ERROR_CALLBACK failed: Invalid argument",
+                           "3 -[PLFileManager removeItemAtURL:error:]: removefile_state_set "
+                           "REMOVEFILE_STATE_ERROR_CONTEXT failed: Cannot allocate memory"}));
+
+  root.makeFile("tree/a/b/c");
+  root.makeLink("tree/a/out", "/etc");
+  EXPECT_TRUE(files.removeItemAtURL(URL::fileURL(root / "tree/"), nullptr));
+  EXPECT_FALSE(exists(root / "tree"));
+}
+
+TEST(FileManager, MakesDirectories) {
+  TemporaryRoot root;
+  const mode_t mask = umask(022);
+  const std::string existing = root.makeDirectory("existing");
+  chmod(existing.c_str(), 0700);
+  root.makeFile("file");
+  struct Row {
+    std::string path;
+    bool intermediates;
+    int protectionClass;
+    int expected;  // 0 for success
+    std::string description;
+  };
+  const Row rows[] = {
+      {root / "a/b/c", true, -1, 0, ""},
+      {root / "a/b/c", true, 4, 0, ""},
+      {root / "single", false, -1, 0, ""},
+      {existing, false, -1, 0, ""},
+      {existing, true, 3, 0, ""},
+      {root / "file", false, -1, 0, ""},
+      {root / "file", true, -1, 0, ""},
+      {root / "file", true, 4, ENOTDIR,
+       "opendir of " + (root / "file") + "/ failed: Not a directory"},
+      {root / "x/y", false, -1, ENOENT,
+       "mkdir of " + (root / "x/y") + "/ failed: No such file or directory"},
+      {root / "file/y/z", true, -1, ENOTDIR,
+       "mkpath_np of " + (root / "file/y/z") + "/ failed: Not a directory"},
+  };
+  for (const Row& row : rows) {
+    const URL url = URL::fileURL(row.path, URL::Kind::kDirectory);
+    Error error;
+    EXPECT_EQ(files.createDirectoryAtURL(url, row.intermediates, 0755, row.protectionClass, &error),
+              row.expected == 0)
+        << row.path;
+    EXPECT_EQ(error.code(), row.expected);
+    EXPECT_EQ(error.localizedDescription(), row.description);
+    if (row.expected == 0 && row.protectionClass != -1) {
+      int32_t read = -1;
+      EXPECT_TRUE(files.dataProtectionClassOfItemAtURL(url, read, nullptr));
+      EXPECT_EQ(read, row.protectionClass);
+    }
+  }
+  EXPECT_EQ(modeOf(root / "a/b"), 0755U);
+  EXPECT_EQ(modeOf(existing), 0700U);
+
+  class Refusing : public ProtectionClass {
+    int get(int) override { return errno = EIO, -1; }
+    int set(int, int) override { return errno = EPERM, -1; }
+  } refusing;
+  ProtectionClass::replace(&refusing);
+  Error error;
+  EXPECT_FALSE(files.createDirectoryAtURL(URL::fileURL(existing), false, 0755, 4, &error));
+  EXPECT_EQ(error.localizedDescription(),
+            "Failed to setclass(4) on directory " + existing + ": Operation not permitted");
+  ProtectionClass::replace(nullptr);
+  umask(mask);
+}
+
+TEST(FileManager, MakesTemporaryDirectories) {
+  TemporaryRoot root;
+  RecordedProductLog log;
+  Error error(kPOSIXErrorDomain, 1);
+  const std::optional<URL> first = files.createTemporaryDirectoryInDirectoryURL(root.url(), &error);
+  const std::optional<URL> second =
+      files.createTemporaryDirectoryInDirectoryURL(root.url(), nullptr);
+  EXPECT_FALSE(error);
+  ASSERT_TRUE(first && second);
+  EXPECT_FALSE(*first == *second);
+  EXPECT_TRUE(first->lastPathComponent().starts_with("temp."));
+  EXPECT_TRUE(first->isDirectory());
+  EXPECT_EQ(modeOf(first->fileSystemRepresentation()), 0700U);
+
+  const URL none = URL::fileURL(root / "none", URL::Kind::kDirectory);
+  EXPECT_FALSE(files.createTemporaryDirectoryInDirectoryURL(none, &error));
+  EXPECT_EQ(error.domain(), "PLInstallerErrorDomain");
+  EXPECT_EQ(error.code(), 4);
+  EXPECT_TRUE(error.underlyingError().isPOSIX(ENOENT));
+  EXPECT_EQ(stringDetail(error, PLPathArgumentErrorKey), "file://" + (root / "none/temp.XXXXXX/"));
+  // The six letters are as mkdtemp left them.
+  EXPECT_TRUE(error.localizedDescription().starts_with("Failed to create temp dir at path " +
+                                                       (root / "none/temp.")));
+  EXPECT_EQ(log.lines.size(), 1U);
+}
+
+TEST(FileManager, IsMadeOnce) {
+  std::vector<std::thread> threads;
+  std::vector<const PLFileManager*> seen(8);
+  for (auto& slot : seen)
+    threads.emplace_back([&slot] { slot = &PLFileManager::defaultManager(); });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::set<const PLFileManager*>(seen.begin(), seen.end()).size(), 1U);
+}
+
+}  // namespace pallion::test

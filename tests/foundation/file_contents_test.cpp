@@ -1,0 +1,258 @@
+#include "foundation/file_contents.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include "foundation/property_list.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion {
+namespace {
+
+using test::TemporaryRoot;
+
+size_t entriesIn(const std::string& directory) {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+}
+
+int errorOfReading(const std::string& path, uint64_t maximumSize = 1 << 20) {
+  int error = 0;
+  return readFile(URL::fileURL(path), &error, FileCache::kUse, maximumSize) ? 0 : error;
+}
+
+TEST(ReadFile, ReadsRegularFilesOnly) {
+  const TemporaryRoot root;
+  const std::string file = root.makeFile("file", "content");
+  root.makeFile("empty");
+  root.makeFile("full", std::string(4096, 'x'));
+  root.makeDirectory("directory");
+  root.makeLink("link", "file");
+  root.makeLink("to directory", "directory");
+  ASSERT_EQ(0, mkfifo((root / "fifo").c_str(), 0600));
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (root / "socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  close(listener);
+
+  EXPECT_EQ("content", readFile(URL::fileURL(file), nullptr, FileCache::kBypass));
+  EXPECT_EQ("", readFile(URL::fileURL(root / "empty")));
+  EXPECT_EQ(std::string(4096, 'x'), readFile(URL::fileURL(root / "full")));
+  // Smaller and larger than fstat says, like files that change between the calls.
+  EXPECT_EQ("0",
+            readFile(URL::fileURL("/sys/devices/system/cpu/online")).value_or("").substr(0, 1));
+  EXPECT_GT(readFile(URL::fileURL("/proc/self/maps")).value_or("").size(), 4096U);
+  const struct {
+    std::string path;
+    int error;
+  } kCases[] = {
+      {root / "link", ELOOP},     {root / "to directory", ELOOP}, {root / "directory", EISDIR},
+      {root / "fifo", EINVAL},    {root / "socket", EINVAL},      {"/dev/null", EINVAL},
+      {root / "missing", ENOENT}, {root / "file/below", ENOTDIR}, {"relative", ENOENT},
+  };
+  for (const auto& test : kCases) EXPECT_EQ(test.error, errorOfReading(test.path)) << test.path;
+  EXPECT_EQ(0, errorOfReading(file, 7));
+  EXPECT_EQ(EFBIG, errorOfReading(file, 6));
+  EXPECT_EQ(EFBIG, errorOfReading("/proc/self/maps", 100));
+}
+
+// Lets `body` run in a child in which two calls fail as they do where a file can't be made without
+// a name.
+int runWithoutUnnamedFiles(bool refuseCreation, const std::function<int()>& body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto argument = [](size_t i) {
+      return static_cast<uint32_t>(offsetof(seccomp_data, args) + 8 * i);
+    };
+    const uint32_t flag = refuseCreation ? O_TMPFILE & ~O_DIRECTORY : AT_EMPTY_PATH;
+    const uint32_t call = refuseCreation ? __NR_openat : __NR_linkat;
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(refuseCreation ? 2 : 4)),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, flag, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K,
+                 SECCOMP_RET_ERRNO | static_cast<uint32_t>(refuseCreation ? EOPNOTSUPP : ENOENT)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+      _exit(99);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Every way in which a file system lets a file be made.
+enum class Way { kUnnamed, kThroughProc, kNamed };
+constexpr Way kWays[] = {Way::kUnnamed, Way::kThroughProc, Way::kNamed};
+
+int writeBy(Way way, const URL& url, std::string_view bytes,
+            Durability durability = Durability::kNotSynced, mode_t mode = 0644) {
+  const auto write = [&] { return writeFileAtomically(url, bytes, durability, mode); };
+  if (way == Way::kUnnamed) return write();
+  return runWithoutUnnamedFiles(way == Way::kNamed, write);
+}
+
+TEST(WriteFileAtomically, MakesAndReplaces) {
+  for (const Way way : kWays) {
+    SCOPED_TRACE(static_cast<int>(way));
+    const TemporaryRoot root;
+    const URL url = URL::fileURL(root / "file");
+    const std::string large(3000000, 'y');
+    const mode_t mask = umask(027);
+    ASSERT_EQ(0, writeBy(way, url, "first", Durability::kSynced, 0666));
+    umask(mask);
+    struct stat status {};
+    ASSERT_EQ(0, stat(url.fileSystemRepresentation(), &status));
+    EXPECT_EQ(0640U, status.st_mode & 07777);
+    EXPECT_EQ("first", test::readAll(root / "file"));
+    ASSERT_EQ(0, setxattr(url.fileSystemRepresentation(), "user.mark", "1", 1, 0));
+    ASSERT_EQ(0, writeBy(way, url, large, Durability::kSynced, 0600));
+    EXPECT_EQ(large, test::readAll(root / "file"));
+    ASSERT_EQ(0, stat(url.fileSystemRepresentation(), &status));
+    EXPECT_EQ(0600U, status.st_mode & 07777);
+    EXPECT_EQ(-1, getxattr(url.fileSystemRepresentation(), "user.mark", nullptr, 0));
+    ASSERT_EQ(0, writeBy(way, url, ""));
+    EXPECT_EQ("", test::readAll(root / "file"));
+    EXPECT_EQ(1U, entriesIn(root.path()));
+
+    root.makeLink("link", "file");
+    ASSERT_EQ(0, writeBy(way, URL::fileURL(root / "link"), "new"));
+    EXPECT_FALSE(std::filesystem::is_symlink(root / "link"));
+    EXPECT_EQ("", test::readAll(root / "file"));
+
+    const std::string longest(255, 'n');
+    for (const char* content : {"1", "2"})
+      ASSERT_EQ(0, writeBy(way, URL::fileURL(root / longest), content));
+    EXPECT_EQ("2", test::readAll(root / longest));
+    EXPECT_EQ(3U, entriesIn(root.path()));
+  }
+}
+
+TEST(WriteFileAtomically, LeavesNothingWhereItFails) {
+  for (const Way way : kWays) {
+    SCOPED_TRACE(static_cast<int>(way));
+    const TemporaryRoot root;
+    root.makeFile("file", "old");
+    root.makeDirectory("directory");
+    const struct {
+      std::string path;
+      int error;
+    } kCases[] = {
+        {root / "directory", EISDIR},
+        {root / "directory/", EISDIR},
+        {"/", EISDIR},
+        {root / "missing/file", ENOENT},
+        {root / "file/below", ENOTDIR},
+        {root / std::string(256, 'n'), ENAMETOOLONG},
+        {"relative", ENOENT},
+    };
+    for (const auto& test : kCases)
+      EXPECT_EQ(test.error, writeBy(way, URL::fileURL(test.path), "new")) << test.path;
+    EXPECT_EQ(2U, entriesIn(root.path()));
+    EXPECT_EQ("old", test::readAll(root / "file"));
+    EXPECT_EQ(EILSEQ, writePropertyListFile(Value::array({Value()}), URL::fileURL(root / "file"),
+                                            PropertyListFormat::kXML, Durability::kNotSynced));
+    EXPECT_EQ("old", test::readAll(root / "file"));
+  }
+}
+
+TEST(WriteFileAtomically, TakesOverLeftOvers) {
+  for (const Way way : kWays) {
+    const std::function<void(const TemporaryRoot&)> kLeftOvers[] = {
+        [](const TemporaryRoot& root) { root.makeFile(".file.writing", "half"); },
+        [](const TemporaryRoot& root) { root.makeLink(".file.writing", "file"); },
+        [](const TemporaryRoot& root) { mkfifo((root / ".file.writing").c_str(), 0600); },
+    };
+    for (const auto& leave : kLeftOvers) {
+      const TemporaryRoot root;
+      root.makeFile("file", "old");
+      leave(root);
+      ASSERT_EQ(0, writeBy(way, URL::fileURL(root / "file"), "new")) << static_cast<int>(way);
+      EXPECT_EQ("new", test::readAll(root / "file"));
+      EXPECT_EQ(1U, entriesIn(root.path()));
+    }
+  }
+}
+
+// Three processes write, this one reads: each content is a run of one letter whose length belongs
+// to the letter.
+TEST(WriteFileAtomically, WritersAndReadersNeverMeet) {
+  for (const Way way : kWays) {
+    SCOPED_TRACE(static_cast<int>(way));
+    const TemporaryRoot root;
+    const URL url = URL::fileURL(root.makeFile("file", "a"));
+    constexpr int kWriters = 3;
+    constexpr int kWrites = 300;
+    pid_t writers[kWriters];
+    for (int w = 0; w < kWriters; ++w) {
+      writers[w] = fork();
+      if (writers[w] != 0) continue;
+      const auto write = [&] {
+        for (int i = 0; i < kWrites; ++i) {
+          const int letter = (i + w) % 26;
+          const std::string bytes(static_cast<size_t>(letter) * 4000 + 1,
+                                  static_cast<char>('a' + letter));
+          if (const int error = writeFileAtomically(url, bytes, Durability::kNotSynced))
+            return error;
+        }
+        return 0;
+      };
+      _exit(way == Way::kUnnamed ? write() : runWithoutUnnamedFiles(way == Way::kNamed, write));
+    }
+    for (int running = kWriters; running > 0;) {
+      const auto bytes = readFile(url);
+      ASSERT_TRUE(bytes);
+      const auto letter = static_cast<size_t>(bytes->front() - 'a');
+      ASSERT_EQ(letter * 4000 + 1, bytes->size());
+      ASSERT_EQ(std::string::npos, bytes->find_first_not_of(bytes->front()));
+      int status = 0;
+      if (waitpid(-1, &status, WNOHANG) <= 0) continue;
+      EXPECT_EQ(0, status);
+      --running;
+    }
+    EXPECT_EQ(1U, entriesIn(root.path()));
+  }
+}
+
+TEST(PropertyListFile, ReadsBackAndTellsWhatIsWrong) {
+  const TemporaryRoot root;
+  const URL url = URL::fileURL(root / "list");
+  int error = 0;
+  const Dictionary dictionary{{"a", Value::integer(1)}};
+  for (const PropertyListFormat format : {PropertyListFormat::kXML, PropertyListFormat::kBinary}) {
+    ASSERT_EQ(
+        0, writePropertyListFile(Value::dictionary(dictionary), url, format, Durability::kSynced));
+    EXPECT_EQ(dictionary, readDictionaryFile(url));
+    ASSERT_EQ(0, writePropertyListFile(Value::array({}), url, format, Durability::kSynced));
+    EXPECT_TRUE(readPropertyListFile(url));
+    EXPECT_FALSE(readDictionaryFile(url, &error));
+    EXPECT_EQ(EILSEQ, error);
+  }
+  root.makeFile("list", "no list");
+  error = 0;
+  EXPECT_FALSE(readPropertyListFile(url, &error));
+  EXPECT_EQ(EILSEQ, error);
+  EXPECT_FALSE(readDictionaryFile(URL::fileURL(root / "missing"), &error));
+  EXPECT_EQ(ENOENT, error);
+}
+
+}  // namespace
+}  // namespace pallion

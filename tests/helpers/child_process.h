@@ -1,0 +1,50 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace pallion::test {
+
+struct ProcessOutcome {
+  int status = 0;  // exit status; the negative number of the signal that killed it
+  std::string out;
+  std::string err;
+};
+
+// A program under test, run as a process of its own.
+class ChildProcess {
+ public:
+  enum class Output { kCaptured, kBrokenPipe, kClosed };
+  struct Setup {
+    std::vector<std::string> arguments;    // the program's path first
+    std::vector<std::string> environment;  // "NAME=value", added to ours
+    Output output = Output::kCaptured;     // what standard output is
+    unsigned short terminalColumns = 0;  // other than 0: standard error is a terminal of that width
+    std::optional<uid_t> user{};         // runs as that user and group, without privileges
+    int ignoredSignal = 0;  // 0 for none
+  };
+
+  explicit ChildProcess(const Setup& setup);
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  // Kills it if it still runs.
+  ~ChildProcess();
+
+  void signal(int number) const;
+  // Waits for the end. To be called once.
+  ProcessOutcome wait();
+
+ private:
+  pid_t process_ = -1;
+  int output_ = -1;
+  int errors_ = -1;
+  bool errorsAreTerminal_ = false;
+};
+
+inline ProcessOutcome runProcess(const ChildProcess::Setup& setup) {
+  return ChildProcess(setup).wait();
+}
+
+}  // namespace pallion::test

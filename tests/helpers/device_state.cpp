@@ -1,0 +1,202 @@
+#include "tests/helpers/device_state.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "file_operations/file_manager.h"
+#include "foundation/format.h"
+#include "foundation/property_list.h"
+#include "platform/bundle.h"
+#include "platform/registry.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kMobile = "/private/var/mobile";
+constexpr const char* kContainers = "/private/var/palliond/Containers";
+const char* const kUserData[] = {"Documents", "Library", "tmp", "Tillbox"};
+const char* const kMetadata[] = {"Manifest.plist", "BriscaArtwork", "BriscaMetadata.plist",
+                                 "GeoJSON"};
+
+// The installer marks bundles with attributes of its own; everything inside must be as it was.
+TreeSnapshot withoutTop(TreeSnapshot snapshot) {
+  snapshot.erase(".");
+  return snapshot;
+}
+
+size_t entriesOf(const std::string& directory) {
+  std::error_code error;
+  return static_cast<size_t>(
+      std::distance(fs::directory_iterator(directory, error), fs::directory_iterator()));
+}
+
+std::vector<std::string> groupsOf(const Dictionary& info) {
+  std::vector<std::string> groups;
+  if (const Value list = info.get(kQXApplicationGroups); list.asArray()) {
+    for (const Value& group : *list.asArray()) {
+      if (group.asString()) groups.push_back(*group.asString());
+    }
+  }
+  return groups;
+}
+
+}  // namespace
+
+DeviceState::DeviceState(const std::string& root) {
+  for (const auto& entry : fs::directory_iterator(root + kMobile + "/Applications"))
+    readContainer(entry.path());
+  const std::string prefix = root;  // paths in the lists are those inside the device
+  const URL map = URL::fileURL(root + kMobile + "/Library/Caches/com.orlix.pallion.plist");
+  if (const auto installMap = readDictionaryFile(map)) {
+    if (const Value groups = installMap->get("GroupContainers"); groups.asDictionary()) {
+      for (const auto& [identifier, entry] : *groups.asDictionary()) {
+        groups_[*identifier.asString()] =
+            withoutTop(snapshotTree(prefix + *entry.asDictionary()->getString("Container")));
+      }
+    }
+  }
+  const URL harborMap = URL::fileURL(root + kMobile + "/Library/Pallion/SafeHarbor.plist");
+  if (const auto harbors = readDictionaryFile(harborMap)) {
+    for (const auto& [identifier, entry] : *harbors) {
+      harbors_[*identifier.asString()] =
+          snapshotTree(prefix + *entry.asDictionary()->getString("HarborPathKey"));
+    }
+  }
+}
+
+void DeviceState::readBundle(const std::string& path, Application& application) {
+  const auto info = readDictionaryFile(URL::fileURL(path + "/Info.plist")).value_or(Dictionary());
+  application.groups = groupsOf(info);
+  application.placeholder = PLFileManager::defaultManager().bundleAtURLIsPlaceholder(
+      URL::fileURL(path, URL::Kind::kDirectory));
+  application.bundleName = fs::path(path).filename();
+  application.bundle = withoutTop(snapshotTree(path));
+  const std::string* identifier = info.getString(kQXBundleIdentifier);
+  if (identifier) applications_[*identifier] = application;
+}
+
+void DeviceState::readContainer(const std::string& container) {
+  Application main;
+  for (const char* name : kUserData) {
+    if (exists(container + "/" + name)) main.userData[name] = snapshotTree(container + "/" + name);
+  }
+  for (const char* name : kMetadata) {
+    if (exists(container + "/" + name)) main.metadata[name] = readAll(container + "/" + name);
+  }
+  std::string application;
+  std::string plugin;
+  for (const auto& entry : fs::directory_iterator(container)) {
+    if (entry.path().extension() == ".app") application = entry.path();
+    if (entry.path().extension() == ".vpnplugin") plugin = entry.path();
+  }
+  if (!application.empty()) {
+    main.type = "App";
+    readBundle(application, main);
+  }
+  if (!plugin.empty()) {
+    Application own = application.empty() ? main : Application();
+    own.type = "VPNBundle";
+    readBundle(plugin, own);
+  }
+}
+
+std::string DeviceState::differenceAfterMigration(const std::string& root) const {
+  std::string out;
+  const auto say = [&out](const std::string& line) { out += line + "\n"; };
+  for (const char* gone : {"/Applications", "/Library/Caches/com.orlix.pallion.plist",
+                           "/Library/Pallion/SafeHarbor.plist"}) {
+    if (exists(root + kMobile + gone)) say(std::string("still there: ") + gone);
+  }
+
+  const auto registry =
+      Registry::atRoot(URL::fileURL(root, URL::Kind::kDirectory), Registry::Access::kReadOnly);
+  Error error;
+  const auto proxies = registry->allProxies(&error);
+  if (!proxies) return out + "no registry: " + description(error) + "\n";
+  std::map<std::string, const BundleProxy*> byIdentifier;
+  std::map<std::string, std::string> groupPaths;
+  size_t bundles = 0;
+  size_t dataContainers = 0;
+  std::map<std::string, int> bundleContainers;
+  for (const BundleProxy& proxy : *proxies) {
+    byIdentifier[proxy.bundleIdentifier()] = &proxy;
+    if (proxy.bundleContainerURL()) ++bundleContainers[proxy.bundleContainerURL()->path()];
+    dataContainers += proxy.dataContainerURL() ? 1U : 0U;
+    if (!proxy.groupContainerURLs()) {
+      say("no groups known of " + proxy.bundleIdentifier());
+    } else {
+      for (const auto& [group, url] : *proxy.groupContainerURLs())
+        groupPaths[group] = url.fileSystemRepresentation();
+    }
+  }
+  bundles = bundleContainers.size();
+
+  for (const auto& [identifier, expected] : applications_) {
+    const auto found = byIdentifier.find(identifier);
+    if (found == byIdentifier.end()) {
+      say("not registered: " + identifier);
+      continue;
+    }
+    const BundleProxy& proxy = *found->second;
+    if (proxy.bundleType() != expected.type)
+      say(identifier + " is registered as " + proxy.bundleType());
+    if (proxy.isPlaceholder() != expected.placeholder)
+      say(identifier + ": wrongly (no) placeholder");
+    const std::string data =
+        proxy.dataContainerURL() ? proxy.dataContainerURL()->fileSystemRepresentation() : "";
+    for (const auto& [name, tree] : expected.userData) {
+      const std::string differences = difference(tree, snapshotTree(data + "/" + name));
+      if (!differences.empty()) say(identifier + " " + name + ":\n" + differences);
+    }
+    const std::string container =
+        proxy.bundleContainerURL() ? proxy.bundleContainerURL()->fileSystemRepresentation() : "";
+    if (expected.placeholder) continue;
+    const std::string differences = difference(
+        expected.bundle, withoutTop(snapshotTree(container + "/" + expected.bundleName)));
+    if (!differences.empty()) say(identifier + " bundle:\n" + differences);
+    for (const auto& [name, content] : expected.metadata) {
+      if (readAll(container + "/" + name) != content)
+        say(identifier + ": " + name + " is not as it was");
+    }
+    for (const std::string& group : expected.groups) {
+      if (!groupPaths.contains(group)) say(identifier + ": no container for group " + group);
+    }
+  }
+
+  for (const auto& [identifier, tree] : groups_) {
+    if (!groupPaths.contains(identifier)) continue;  // no application names it
+    const std::string differences =
+        difference(tree, withoutTop(snapshotTree(groupPaths[identifier])));
+    if (!differences.empty()) say("group " + identifier + ":\n" + differences);
+  }
+  const auto harbors = registry->allSafeHarbors(&error);
+  std::map<std::string, std::string> harborPaths;
+  if (harbors) {
+    for (const SafeHarborRecord& harbor : *harbors) harborPaths[harbor.identifier] = harbor.path;
+  }
+  for (const auto& [identifier, tree] : harbors_) {
+    const std::string differences = difference(tree, snapshotTree(harborPaths[identifier]));
+    if (!differences.empty()) say("harbor " + identifier + ":\n" + differences);
+  }
+
+  // Nothing unrecorded.
+  const std::pair<const char*, size_t> counts[] = {
+      {"Bundle", bundles}, {"Data", dataContainers}, {"Group", groupPaths.size()}, {"Incoming", 0}};
+  for (const auto& [kind, count] : counts) {
+    const size_t standing = entriesOf(root + kContainers + "/" + kind);
+    if (standing != count) {
+      say(std::string(kind) + ": " + std::to_string(standing) + " containers for " +
+          std::to_string(count) + " records");
+    }
+  }
+  const size_t harborDirectories =
+      entriesOf(root + "/private/var/palliond/Library/Pallion/SafeHarbors");
+  if (harborDirectories != harborPaths.size()) say("unrecorded harbors");
+  return out;
+}
+
+}  // namespace pallion::test

@@ -1,0 +1,131 @@
+#include "tests/platform/registry_fixture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/bundle.h"
+
+namespace pallion::test {
+
+namespace {
+
+std::string element(std::string_view key, const std::string& text) {
+  return "<key>" + std::string(key) + "</key><string>" + text + "</string>";
+}
+
+void write(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+}
+
+}  // namespace
+
+void makeBundle(const std::string& path, const BundleSpecification& specification) {
+  std::filesystem::create_directories(path);
+  std::string entries;
+  if (!specification.identifier.empty())
+    entries += element(kQXBundleIdentifier, specification.identifier);
+  if (!specification.version.empty()) entries += element(kQXBundleVersion, specification.version);
+  if (!specification.executable.empty()) {
+    entries += element(kQXBundleExecutable, specification.executable);
+    write(path + "/" + specification.executable, "code of " + specification.identifier);
+  }
+  entries += "<key>" + std::string(kQXApplicationGroups) + "</key><array>";
+  for (const std::string& group : specification.groups) entries += "<string>" + group + "</string>";
+  write(path + "/Info.plist",
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + entries +
+            "</array></dict></plist>\n");
+}
+
+std::string RegistryTest::makeStaging(const std::string& name, const std::string& bundle,
+                                      const BundleSpecification& specification) const {
+  makeBundle(root_ / (name + "/Payload/" + bundle), specification);
+  return root_ / name;
+}
+
+std::string RegistryTest::makePlaceholder(const std::string& identifier) const {
+  const std::string path = root_ / ("tmp/" + identifier + ".app");
+  std::filesystem::remove_all(path);
+  makeBundle(path, {identifier, "1.0", ""});
+  return path;
+}
+
+void RegistryTest::makeBuiltIn(const std::string& identifier, const std::string& version,
+                               const Strings& groups) const {
+  makeBundle(root_ / ("Applications/" + identifier + ".app"), {identifier, version, "Run", groups});
+}
+
+Dictionary RegistryTest::bundleOptions(const std::string& identifier) {
+  return {{kAppInstallTypeKey, Value::unsignedInteger(6)},
+          {kAppPackageTypeKey, Value::string(std::string(kAppPackageTypeCustomer))},
+          {kQXBundleIdentifier, Value::string(identifier)}};
+}
+
+Dictionary RegistryTest::placeholderOptions(const std::string& identifier,
+                                            const std::string& metadata) {
+  Dictionary options = bundleOptions(identifier);
+  options.set(kAppPackageTypeKey, Value::string(std::string(kAppPackageTypePlaceholder)));
+  if (!metadata.empty()) options.set(kAppBriscaMetadataKey, Value::data(metadata));
+  return options;
+}
+
+std::string RegistryTest::install(const std::string& path, const Dictionary& options) {
+  Error error;
+  std::string name = "?";
+  const bool installed = registry_->installApplication(
+      URL::fileURL(path, URL::Kind::kDirectory), options, &error, [&](const Dictionary& status) {
+        if (const std::string* text = status.getString("Error")) name = *text;
+        EXPECT_TRUE(status.getString("ErrorDescription") && status.getString("ErrorDetail"));
+      });
+  EXPECT_EQ(installed, !error) << error.localizedDescription();
+  return installed ? "" : name;
+}
+
+BundleProxy RegistryTest::proxy(const std::string& identifier) const {
+  std::optional<BundleProxy> found = registry_->proxyForIdentifier(identifier);
+  EXPECT_TRUE(found) << identifier;
+  return found ? *found : BundleProxy(BundleProxy::Record());
+}
+
+TreeSnapshot RegistryTest::newLayout() const {
+  const std::unique_ptr<Registry> reader =
+      Registry::atRoot(root_.url(), Registry::Access::kReadOnly);
+  std::vector<std::pair<std::string, std::string>> names;
+  for (const BundleProxy& each : reader->allProxies(nullptr).value_or(std::vector<BundleProxy>())) {
+    const auto name = [&names](const std::string& kind, const std::optional<URL>& url,
+                               const std::string& owner) {
+      if (url) names.emplace_back(url->lastPathComponent(), kind + owner);
+    };
+    name("bundle of ", each.bundleContainerURL(), each.bundleIdentifier());
+    name("data of ", each.dataContainerURL(), each.bundleIdentifier());
+    for (const auto& [group, url] : *each.groupContainerURLs()) name("group ", url, group);
+  }
+  for (const SafeHarborRecord& each :
+       reader->allSafeHarbors(nullptr).value_or(std::vector<SafeHarborRecord>())) {
+    names.emplace_back(std::filesystem::path(each.path).filename(), "harbor of " + each.identifier);
+  }
+  TreeSnapshot named;
+  for (const auto& [path, line] :
+       snapshotTree(root_ / "private/var/palliond", {.ignoreTimes = true})) {
+    if (path.find("registry.sqlite") != std::string::npos) continue;
+    std::string readable = path;
+    for (const auto& [uuid, owner] : names) replaceAll(readable, uuid, owner);
+    named[readable] = line;
+  }
+  return named;
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace pallion::test

@@ -1,0 +1,393 @@
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <sys/syscall.h>
+
+#include "platform/built_in_applications.h"
+#include "platform/bundle.h"
+#include "platform/extended_attributes.h"
+#include "tests/helpers/mounts.h"
+#include "tests/helpers/refused_calls.h"
+#include "tests/platform/registry_fixture.h"
+
+namespace pallion::test {
+namespace {
+
+using Groups = std::vector<std::pair<std::string, URL>>;
+using RegistryInstallation = RegistryTest;
+
+std::string attribute(const URL& url, const char* name) {
+  std::string value(16, '\0');
+  const ssize_t size = ExtendedAttributes::current().get(url.fileSystemRepresentation(), name,
+                                                         value.data(), value.size());
+  value.resize(size < 0 ? 0 : static_cast<size_t>(size));
+  return value;
+}
+
+const std::string kMark("\1\0\0\0", 4);
+const std::string kType6("\6\0\0\0\0\0\0\0", 8);
+
+TEST_F(RegistryInstallation, PlaceholderThenBundleKeepsTheDataContainer) {
+  EXPECT_FALSE(registry_->applicationIsInstalled("com.a"));
+  const std::string source = makePlaceholder("com.a");
+  ASSERT_EQ(install(source, placeholderOptions("com.a", "meta")), "");
+  EXPECT_FALSE(exists(source));
+  EXPECT_TRUE(registry_->applicationIsInstalled("com.a"));
+  const BundleProxy first = proxy("com.a");
+  EXPECT_TRUE(first.isPlaceholder() && first.foundBackingBundle() && !first.isBuiltIn());
+  EXPECT_EQ(first.bundleType(), "App");
+  EXPECT_EQ(attribute(*first.bundleURL(), "com.orlix.palliond.placeholder"), kMark);
+  EXPECT_EQ(attribute(*first.bundleURL(), "com.orlix.palliond.installType"), kType6);
+  EXPECT_EQ(readAll(first.bundleContainerURL()->path() + "BriscaMetadata.plist"), "meta");
+  EXPECT_EQ(namesIn(first.dataContainerURL()->path()), (Strings{"Documents", "Library", "tmp"}));
+  root_.makeFile("staging/GeoJSON", "geo");
+  root_.makeFile("staging/Extra", "kept");
+  makeStaging("staging", "A.app",
+              {"com.a", "2.5", "Run", {"group.b", "group.a", "bad/group", "group.a"}});
+  ASSERT_EQ(installBundle(root_ / "staging", "com.a"), "");
+  EXPECT_FALSE(exists(root_ / "staging"));
+  const BundleProxy second = proxy("com.a");
+  EXPECT_EQ(second.dataContainerURL(), first.dataContainerURL());
+  EXPECT_FALSE(second.isPlaceholder());
+  EXPECT_EQ(second.version(), "2.5");
+  EXPECT_EQ(attribute(*second.bundleURL(), "com.orlix.palliond.installType"), kType6);
+  EXPECT_EQ(namesIn(second.bundleContainerURL()->path()),
+            (Strings{"A.app", "BriscaMetadata.plist", "Extra", "GeoJSON"}));
+  EXPECT_EQ(readAll(second.bundleURL()->path() + "Run"), "code of com.a");
+  ASSERT_EQ(second.groupContainerURLs()->size(), 2U);
+  EXPECT_EQ(second.groupContainerURLs()->at(0).first, "group.a");
+  EXPECT_TRUE(exists(second.groupContainerURLs()->at(1).second.path()));
+  EXPECT_FALSE(exists(first.bundleContainerURL()->path()));
+  EXPECT_EQ(installPlaceholder("com.a"), "IdentifierInUse");
+  // An update, older than what it replaces, drops a group and brings no metadata.
+  makeStaging("staging", "New.app", {"com.a", "1.0", "Run", {"group.a"}});
+  root_.makeFile("staging/GeoJSON", "new");
+  ASSERT_EQ(installBundle(root_ / "staging", "com.a"), "");
+  const BundleProxy third = proxy("com.a");
+  EXPECT_EQ(third.dataContainerURL(), first.dataContainerURL());
+  EXPECT_EQ(*third.groupContainerURLs(), Groups{second.groupContainerURLs()->at(0)});
+  EXPECT_TRUE(exists(second.groupContainerURLs()->at(1).second.path()));
+  EXPECT_EQ(namesIn(third.bundleContainerURL()->path()),
+            (Strings{"BriscaMetadata.plist", "GeoJSON", "New.app"}));
+  EXPECT_EQ(readAll(third.bundleContainerURL()->path() + "GeoJSON"), "new");
+  EXPECT_EQ(namesIn(containers("/Bundle")).size(), 1U);
+  EXPECT_TRUE(namesIn(containers("/Incoming")).empty());
+  // All of it is there for the next process, in one file.
+  reopen();
+  EXPECT_EQ(proxy("com.a").bundleURL(), third.bundleURL());
+  registry_->close();
+  EXPECT_EQ(namesIn(library()), Strings{"registry.sqlite"});
+}
+
+TEST_F(RegistryInstallation, RefusalsLeaveEverythingAsItWas) {
+  makeBuiltIn("com.builtin", "2.0");
+  ASSERT_EQ(installBundle(makeStaging("first", "P.app", {"com.real"}), "com.real"), "");
+  ASSERT_EQ(installPlaceholder("com.waiting"), "");
+  const std::string bundle = "staging/Payload/X.app";
+  const struct {
+    const char* what;
+    std::string error;
+    std::function<void()> change;  // of a good staging directory
+    std::string identifier = "com.x";
+  } kCases[] = {
+      {"no identifier", "InvalidInstallOptions", [] {}, ""},
+      {"identifier with a slash", "InvalidInstallOptions", [] {}, "com/x"},
+      {"identifier above", "InvalidInstallOptions", [] {}, ".."},
+      {"identifier of another bundle", "PackageInspectionFailed", [] {}, "com.y"},
+      {"no staging directory", "PackageInspectionFailed",
+       [&] { std::filesystem::remove_all(root_ / "staging"); }},
+      {"staging through a link", "PackageInspectionFailed",
+       [&] {
+         std::filesystem::rename(root_ / "staging", root_ / "elsewhere");
+         root_.makeLink("staging", "elsewhere");
+       }},
+      {"Payload through a link", "PackageInspectionFailed",
+       [&] {
+         std::filesystem::rename(root_ / "staging/Payload", root_ / "elsewhere");
+         root_.makeLink("staging/Payload", "../elsewhere");
+       }},
+      {"empty Payload", "PackageInspectionFailed",
+       [&] { std::filesystem::remove_all(root_ / bundle); }},
+      {"empty Payload for a placeholder", "PackageInspectionFailed",
+       [&] { std::filesystem::remove_all(root_ / bundle); }, "com.waiting"},
+      {"two applications", "PackageInspectionFailed",
+       [&] { makeBundle(root_ / "staging/Payload/Y.app", {"com.y"}); }},
+      {"two plug-ins", "PackageInspectionFailed",
+       [&] {
+         makeBundle(root_ / "staging/Payload/A.vpnplugin", {"com.y"});
+         makeBundle(root_ / "staging/Payload/B.vpnplugin", {"com.z"});
+       }},
+      {"something else in Payload", "PackageInspectionFailed",
+       [&] { root_.makeFile("staging/Payload/readme"); }},
+      {"file for a plug-in", "PackageInspectionFailed",
+       [&] { root_.makeFile("staging/Payload/P.vpnplugin"); }},
+      {"link for the bundle", "PackageInspectionFailed",
+       [&] {
+         std::filesystem::rename(root_ / bundle, root_ / "elsewhere");
+         root_.makeLink(bundle, root_ / "elsewhere");
+       }},
+      {"item in the bundle's way", "PackageInspectionFailed",
+       [&] { root_.makeFile("staging/X.app"); }},
+      {"no Info.plist", "PackageInspectionFailed",
+       [&] { std::filesystem::remove(root_ / (bundle + "/Info.plist")); }},
+      {"damaged Info.plist", "PackageInspectionFailed",
+       [&] { root_.makeFile(bundle + "/Info.plist", "<pl"); }},
+      {"no executable", "MissingBundleExecutable",
+       [&] { std::filesystem::remove(root_ / (bundle + "/Run")); }},
+      {"link for the executable", "MissingBundleExecutable",
+       [&] {
+         std::filesystem::remove(root_ / (bundle + "/Run"));
+         root_.makeLink(bundle + "/Run", "Info.plist");
+       }},
+      {"executable outside", "MissingBundleExecutable",
+       [&] {
+         makeBundle(root_ / bundle, {"com.x", "1.0", "../X.app/Run"});
+       }},
+      {"plug-in for an installed application", "IdentifierInUse",
+       [&] {
+         std::filesystem::remove_all(root_ / bundle);
+         makeBundle(root_ / "staging/Payload/R.vpnplugin", {"com.real"});
+       },
+       "com.real"},
+  };
+  for (const auto& [what, error, change, identifier] : kCases) {
+    SCOPED_TRACE(what);
+    makeStaging("staging", "X.app", {"com.x"});
+    root_.makeFile("staging/GeoJSON", "geo");
+    change();
+    const TreeSnapshot before = snapshotTree(root_ / "staging");
+    const TreeSnapshot layout = newLayout();
+    EXPECT_EQ(installBundle(root_ / "staging", identifier), error);
+    EXPECT_EQ(difference(before, snapshotTree(root_ / "staging")), "");
+    EXPECT_EQ(difference(layout, newLayout()), "");
+    std::filesystem::remove_all(root_ / "staging");
+    std::filesystem::remove_all(root_ / "elsewhere");
+  }
+  Dictionary unknown = bundleOptions("com.x");
+  unknown.set(kAppPackageTypeKey, Value::string("Other"));
+  EXPECT_EQ(install(makeStaging("staging", "X.app", {"com.x"}), unknown), "InvalidInstallOptions");
+  // Placeholders likewise.
+  const std::string link = root_.makeLink("tmp/link.app", makePlaceholder("com.x"));
+  makeBundle(root_ / "tmp/com.x.bundle", {"com.x"});
+  for (const std::string& path :
+       {link, root_ / "tmp/none.app", root_ / "tmp/com.x.bundle", makePlaceholder("com.y")}) {
+    EXPECT_EQ(install(path, placeholderOptions("com.x")), "PackageInspectionFailed") << path;
+  }
+  EXPECT_EQ(installPlaceholder("com.builtin"), "IdentifierInUse");
+  EXPECT_TRUE(exists(root_ / "tmp/com.builtin.app/Info.plist"));
+  EXPECT_FALSE(registry_->applicationIsInstalled("com.x"));
+}
+
+// A bundle whose information property list can't be read just now.
+class UnreadableBundle : public QXBundle {
+ public:
+  explicit UnreadableBundle(const URL& url) : url_(url) {}
+  [[nodiscard]] const URL& bundleURL() const override { return url_; }
+  InfoState infoState() override { return InfoState::kUnreadable; }
+  int infoErrorNumber() override { return EIO; }
+  const Dictionary* infoDictionary() override { return nullptr; }
+  Value filteredInfoDictionary(const std::vector<std::string>&) override { return {}; }
+
+ private:
+  URL url_;
+};
+
+TEST_F(RegistryInstallation, WhatCannotBeReadIsRefusedAndNotForgotten) {
+  makeBuiltIn("com.builtin", "2.0");
+  ASSERT_EQ(installPlaceholder("com.a"), "");
+  makeStaging("staging", "B.app", {"com.builtin", "3.0"});
+  QXBundle::replace([](const URL& url) -> std::unique_ptr<QXBundle> {
+    return std::make_unique<UnreadableBundle>(url);
+  });
+  reopen();
+  EXPECT_EQ(installBundle(root_ / "staging", "com.builtin"), "PackageInspectionFailed");
+  EXPECT_FALSE(registry_->applicationIsInstalled("com.builtin"));
+  EXPECT_FALSE(registry_->proxyForIdentifier("com.builtin"));
+  EXPECT_TRUE(registry_->proxyForIdentifier("com.a"));  // which does not depend on it
+  Error error;
+  EXPECT_FALSE(registry_->allProxies(&error));
+  EXPECT_TRUE(error.underlyingError().isPOSIX(EIO));
+  QXBundle::replace(nullptr);
+  EXPECT_TRUE(registry_->applicationIsInstalled("com.builtin"));
+  EXPECT_EQ(installBundle(root_ / "staging", "com.builtin"), "");
+}
+
+TEST_F(RegistryInstallation, BuiltInApplications) {
+  makeBuiltIn("com.builtin", "1.10", {"group.system"});
+  root_.makeLink("Applications/Link.app", "com.builtin.app");
+  root_.makeDirectory("Applications/Broken.app");
+  const BundleProxy system = proxy("com.builtin");
+  EXPECT_TRUE(system.isBuiltIn() && system.foundBackingBundle() && system.dataContainerURL());
+  EXPECT_EQ(system.bundleType(), "App");
+  EXPECT_EQ(system.version(), "1.10");
+  EXPECT_EQ(system.bundleURL()->path(), root_ / "Applications/com.builtin.app/");
+  ASSERT_EQ(system.groupContainerURLs()->size(), 1U);
+  EXPECT_TRUE(exists(system.groupContainerURLs()->front().second.path()));
+  // Older: refused, and the staging directory is gone. A repetition finds nothing left and
+  // succeeds.
+  for (const char* version : {"1.9", "1.9.99", "", "beta"}) {
+    root_.makeFile("staging/GeoJSON", "geo");
+    makeStaging("staging", "B.app", {"com.builtin", version});
+    EXPECT_EQ(installBundle(root_ / "staging", "com.builtin"), "ApplicationAlreadyInstalled")
+        << version;
+    EXPECT_FALSE(exists(root_ / "staging")) << version;
+  }
+  root_.makeDirectory("staging/Payload");
+  EXPECT_EQ(installBundle(root_ / "staging", "com.builtin"), "");
+  EXPECT_EQ(namesIn(root_.path()), (Strings{"Applications", "private"}));
+  ASSERT_EQ(
+      installBundle(makeStaging("staging", "B.app", {"com.builtin", "1.10.0"}), "com.builtin"), "");
+  const BundleProxy updated = proxy("com.builtin");
+  EXPECT_TRUE(updated.isBuiltIn());
+  EXPECT_EQ(updated.version(), "1.10.0");
+  EXPECT_EQ(updated.dataContainerURL(), system.dataContainerURL());
+}
+
+TEST(BundleVersion, ComparesNumberByNumber) {
+  const struct {
+    const char* older;
+    const char* newer;
+  } kOrdered[] = {{"1.9", "1.10"}, {"", "1"},
+                  {"1", "1.0.1"},  {"1.2b9", "1.3"},
+                  {"x", "0.1"},    {"09", "10"},
+                  {"1..5", "1.1"}, {"99999999999999999998", "99999999999999999999"}};
+  for (const auto& [older, newer] : kOrdered) {
+    EXPECT_LT(compareVersions(older, newer), 0) << older << " " << newer;
+    EXPECT_GT(compareVersions(newer, older), 0) << older << " " << newer;
+  }
+  for (const char* same : {"1.0", "1", "01.0", "1.0.0.", "1b2"})
+    EXPECT_EQ(compareVersions(same, "1"), 0) << same;
+}
+
+TEST_F(RegistryInstallation, LateMetadataGoesBesideTheBundle) {
+  root_.makeFile("staging/GeoJSON", "old");
+  ASSERT_EQ(installBundle(makeStaging("staging", "A.app", {"com.a"}), "com.a"), "");
+  const std::string container = proxy("com.a").bundleContainerURL()->path();
+  root_.makeFile("staging/GeoJSON", "late");
+  root_.makeFile("staging/BriscaArtwork", "art");
+  root_.makeDirectory("staging/Payload");
+  ASSERT_EQ(installBundle(root_ / "staging", "com.a"), "");
+  EXPECT_FALSE(exists(root_ / "staging"));
+  EXPECT_EQ(readAll(container + "GeoJSON"), "late");
+  // Items of any kind, over items of any kind.
+  for (const char* content : {"over a file", "over a directory"}) {
+    root_.makeFile("staging/BriscaArtwork/part", content);
+    ASSERT_EQ(installBundle(root_ / "staging", "com.a"), "");
+    EXPECT_EQ(readAll(container + "BriscaArtwork/part"), content);
+  }
+  EXPECT_EQ(proxy("com.a").bundleContainerURL()->path(), container);
+  // Never over the bundle.
+  root_.makeFile("staging/A.app", "no bundle");
+  EXPECT_EQ(installBundle(root_ / "staging", "com.a"), "InstallationFailed");
+  EXPECT_EQ(readAll(root_ / "staging/A.app"), "no bundle");
+  EXPECT_TRUE(proxy("com.a").foundBackingBundle());
+}
+
+TEST_F(RegistryInstallation, PlugInsHaveRecordsOfTheirOwn) {
+  const BundleProxy alone = proxy("com.vpn");
+  EXPECT_EQ(alone.bundleType(), "VPNBundle");
+  EXPECT_FALSE(alone.foundBackingBundle() || alone.bundleURL() || alone.isPlaceholder());
+  EXPECT_FALSE(registry_->applicationIsInstalled("com.vpn"));
+  ASSERT_EQ(
+      installBundle(makeStaging("staging", "V.vpnplugin", {"com.vpn", "1", "Run", {"group.v"}}),
+                    "com.vpn"),
+      "");
+  const BundleProxy installed = proxy("com.vpn");
+  EXPECT_EQ(installed.dataContainerURL(), alone.dataContainerURL());
+  EXPECT_EQ(installed.bundleType(), "VPNBundle");
+  EXPECT_TRUE(installed.foundBackingBundle());
+
+  // Beside an application; groups are shared. The plug-in leaves the container where it stood
+  // alone.
+  makeStaging("staging", "A.app", {"com.a", "1", "Run", {"group.v"}});
+  makeBundle(root_ / "staging/Payload/V.vpnplugin", {"com.vpn", "2", "Run", {"group.v"}});
+  ASSERT_EQ(installBundle(root_ / "staging", "com.a"), "");
+  const BundleProxy beside = proxy("com.vpn");
+  const BundleProxy application = proxy("com.a");
+  EXPECT_EQ(beside.bundleContainerURL(), application.bundleContainerURL());
+  EXPECT_EQ(beside.dataContainerURL(), alone.dataContainerURL());
+  EXPECT_NE(beside.dataContainerURL(), application.dataContainerURL());
+  EXPECT_EQ(beside.groupContainerURLs(), application.groupContainerURLs());
+  EXPECT_EQ(beside.groupContainerURLs(), installed.groupContainerURLs());
+  EXPECT_EQ(namesIn(containers("/Bundle")).size(), 1U);
+  // An update without the plug-in does not take the plug-in's bundle away.
+  ASSERT_EQ(installBundle(makeStaging("staging", "A.app", {"com.a"}), "com.a"), "");
+  EXPECT_TRUE(proxy("com.vpn").foundBackingBundle());
+
+  // A plug-in without an identifier is only kept; one with another application's identifier must
+  // not take its place.
+  for (const char* identifier : {"", "com.a", "com.b"}) {
+    makeStaging("staging", "B.app", {"com.b"});
+    makeBundle(root_ / "staging/Payload/Q.vpnplugin", {identifier});
+    ASSERT_EQ(installBundle(root_ / "staging", "com.b"), "") << identifier;
+    EXPECT_EQ(namesIn(proxy("com.b").bundleContainerURL()->path()),
+              (Strings{"B.app", "Q.vpnplugin"}));
+    EXPECT_EQ(proxy("com.b").bundleType(), "App") << identifier;
+    EXPECT_EQ(proxy("com.a").bundleURL()->lastPathComponent(), "A.app") << identifier;
+  }
+}
+
+TEST_F(RegistryInstallation, RecordsOnlyForPlainNames) {
+  for (const char* identifier : {"", ".", "..", "a/b", "a\nb"}) {
+    EXPECT_FALSE(registry_->proxyForIdentifier(identifier)) << identifier;
+    EXPECT_FALSE(registry_->applicationIsInstalled(identifier)) << identifier;
+  }
+  // Containers that were lost are made again.
+  ASSERT_EQ(
+      installBundle(makeStaging("staging", "A.app", {"com.a", "1", "Run", {"group.a"}}), "com.a"),
+      "");
+  for (const char* kind : {"/Data", "/Group", "/Bundle"})
+    std::filesystem::remove_all(containers(kind));
+  reopen();
+  const BundleProxy again = proxy("com.a");
+  EXPECT_EQ(namesIn(again.dataContainerURL()->path()), (Strings{"Documents", "Library", "tmp"}));
+  EXPECT_TRUE(exists(again.groupContainerURLs()->front().second.path()));
+  EXPECT_FALSE(again.foundBackingBundle());
+}
+
+// Every kind of call that an installation changes something with, refused: nothing is taken, or all
+// of it.
+TEST_F(RegistryInstallation, ARefusedCallLosesNothing) {
+  const struct {
+    const char* what;
+    std::vector<long> calls;
+    int error;
+  } kCases[] = {{"sync", {SYS_fdatasync, SYS_fsync, SYS_syncfs}, EIO},
+                {"write", {SYS_pwrite64, SYS_write}, ENOSPC},
+                {"rename", {SYS_rename, SYS_renameat, SYS_renameat2}, EACCES},
+                {"make", {SYS_mkdir, SYS_mkdirat}, ENOSPC},
+                {"attribute", {SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr}, ENOSPC},
+                {"list", {SYS_getdents64}, EIO},
+                {"status", {SYS_lstat, SYS_newfstatat}, EIO}};
+  ASSERT_EQ(installPlaceholder("com.a"), "");
+  makeStaging("staging", "A.app", {"com.a", "1", "Run", {"group.a"}});
+  root_.makeFile("staging/GeoJSON", "geo");
+  // The one thing that a refused installation may have done to the staging directory.
+  const std::string placeholder = makePlaceholder("com.b");
+  const std::string bundle = root_ / "staging/Payload/A.app";
+  ASSERT_EQ(ExtendedAttributes::current().set(bundle.c_str(), "com.orlix.palliond.installType",
+                                              kType6.data(), 8),
+            0);
+  registry_->close();
+  for (const auto& [what, calls, error] : kCases) {
+    SCOPED_TRACE(what);
+    const TreeSnapshot before = snapshotTree(root_ / "staging", {.ignoreTimes = true});
+    const TreeSnapshot layout = newLayout();
+    EXPECT_TRUE(runInMountNamespace([&] {
+      ASSERT_TRUE(registry_->applicationIsInstalled("com.a"));
+      for (long call : calls) ASSERT_TRUE(refuseCalls({call}, error));
+      EXPECT_NE(installBundle(root_ / "staging", "com.a"), "");
+      EXPECT_NE(install(placeholder, placeholderOptions("com.b", "meta")), "");
+    }));
+    EXPECT_TRUE(exists(placeholder + "/Info.plist"));
+    EXPECT_EQ(difference(before, snapshotTree(root_ / "staging", {.ignoreTimes = true})), "");
+    reopen();
+    registry_->applicationIsInstalled("com.a");
+    registry_->close();
+    EXPECT_EQ(difference(layout, newLayout()), "");
+  }
+  EXPECT_EQ(installBundle(root_ / "staging", "com.a"), "");
+}
+
+}  // namespace
+}  // namespace pallion::test

@@ -1,0 +1,456 @@
+#include <algorithm>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/registry.h"
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion::test {
+namespace {
+
+using Json = nlohmann::json;
+using Words = std::vector<std::string>;
+
+const std::string kBinaries = PALLION_BINARY_DIR;
+const std::string kFakePlugin = kBinaries + "/lib/fake-plugin.so";
+const std::string kHostLog = "private/var/mobile/Library/Logs/Shiftwell/migration.log";
+const std::string kProductLog = "private/var/mobile/Library/Logs/Pallion/pallion.log";
+
+// migration-host on a root with the fake plug-in, which does what `script` says.
+ChildProcess::Setup setupFor(const TemporaryRoot& root, const std::string& script,
+                             const Words& more = {}) {
+  root.makeFile("fake-migration", script);
+  ChildProcess::Setup setup;
+  setup.arguments = {kBinaries + "/bin/migration-host", "--root", root.path(), "--plugin",
+                     kFakePlugin};
+  // The leak check looks into /proc, which such a root does not have.
+  setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
+  setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
+  return setup;
+}
+
+ProcessOutcome run(const TemporaryRoot& root, const std::string& script, const Words& more = {}) {
+  return runProcess(setupFor(root, script, more));
+}
+
+Words lines(const std::string& text) {
+  Words all;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) all.push_back(line);
+  return all;
+}
+
+// The last line of a --json run; the lines before have to be JSON too.
+Json summaryOf(const ProcessOutcome& outcome) {
+  Json last;
+  for (const std::string& line : lines(outcome.out)) {
+    last = Json::parse(line, nullptr, false);
+    EXPECT_FALSE(last.is_discarded()) << line;
+  }
+  EXPECT_EQ(last.value("type", ""), "summary") << outcome.out;
+  EXPECT_EQ(last.value("exitStatus", -1), outcome.status);
+  return last;
+}
+
+bool waitUntil(const std::function<bool()>& condition) {
+  for (int i = 0; i < 1000 && !condition(); ++i) usleep(10000);
+  return condition();
+}
+
+TEST(MigrationHost, EndsWithTheStatusAndOneLineThatNamesTheCause) {
+  const TemporaryRoot outside;
+  const std::string text = outside.makeFile("text", "no module");
+  const std::string missing = outside / "missing";
+  const std::string noEntry = kBinaries + "/lib/libpallion-platform.so";
+  const struct {
+    const char* name;
+    Words arguments;  // behind those of setupFor
+    Words environment;
+    std::string script;
+    int status;
+    std::string error;  // what the one line on standard error has
+    Json result;
+  } cases[] = {
+      {"migrated", {}, {}, "", 0, "", true},
+      {"by name", {"migrate"}, {}, "", 0, "", true},
+      {"failed", {}, {}, "perform\nfail\n", 1, "", false},
+      {"no such root",
+       {"--root", missing},
+       {},
+       "",
+       2,
+       ": " + missing + ": No such file or directory",
+       {}},
+      {"root is a file", {"--root", text}, {}, "", 2, ": " + text + ": Not a directory", {}},
+      {"unknown option", {"--what"}, {}, "", 2, "--what", {}},
+      {"unknown command", {"migrat\ne"}, {}, "", 2, "migrat\\x0Ae", {}},
+      {"value missing", {"--log"}, {}, "", 2, "--log", {}},
+      {"wrong format", {"--log-format", "xml"}, {}, "", 2, "xml", {}},
+      {"opposites", {"-v", "-q"}, {}, "", 2, "exclu", {}},
+      {"no module", {"--plugin", missing}, {}, "", 3, ": " + missing + ": ", {}},
+      {"not a module", {"--plugin", text}, {}, "", 3, ": " + text + ": ", {}},
+      {"no entry", {"--plugin", noEntry}, {}, "", 3, ": " + noEntry + ": no migration plug-in", {}},
+      {"other interface",
+       {},
+       {"FAKE_ABI=9"},
+       "",
+       3,
+       "fake-plugin.so: plug-in interface 9, needed is 1",
+       {}},
+      {"init false",
+       {},
+       {},
+       "init\nerror x the cause\nfail\n",
+       3,
+       "there is no migrator: the cause",
+       {}},
+  };
+  for (const auto& c : cases) {
+    for (const bool json : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (json ? " as JSON" : ""));
+      const TemporaryRoot root;
+      ChildProcess::Setup setup = setupFor(root, c.script);
+      Words& arguments = setup.arguments;
+      // Every option once: a second --root or --plugin takes the place of the first.
+      for (size_t i = 0; i < c.arguments.size(); ++i) {
+        const auto same = std::find(arguments.begin(), arguments.end(), c.arguments[i]);
+        if (same != arguments.end()) {
+          *(same + 1) = c.arguments[++i];
+        } else {
+          arguments.push_back(c.arguments[i]);
+        }
+      }
+      if (json) arguments.insert(arguments.begin() + 1, "--json");
+      setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
+      const ProcessOutcome outcome = runProcess(setup);
+      EXPECT_EQ(outcome.status, c.status);
+      const Words errors = lines(outcome.err);
+      ASSERT_EQ(errors.size(), c.error.empty() ? 0U : 1U) << outcome.err;
+      if (!errors.empty()) {
+        EXPECT_TRUE(errors[0].starts_with("migration-host: ")) << errors[0];
+        EXPECT_NE(errors[0].find(c.error), std::string::npos) << errors[0];
+      }
+      if (json) {
+        EXPECT_EQ(summaryOf(outcome).at("result"), c.result);
+      } else {
+        EXPECT_EQ(outcome.out,
+                  c.result.is_null() ? "" : "0 migrated, 0 failed, 0 other problems in 0.0 s\n");
+      }
+    }
+  }
+}
+
+TEST(MigrationHost, AsksThePluginOnceAndInsideTheRoot) {
+  const TemporaryRoot root;
+  ChildProcess::Setup setup = setupFor(root, "");
+  setup.environment.push_back("TMPDIR=" + root.path());
+  EXPECT_EQ(runProcess(setup).status, 0);
+  EXPECT_EQ(readAll(root / "calls"),
+            "init mask=18 cwd=/ tmpdir=none\ndataClassName\nperformMigration\ndestroy\n");
+}
+
+TEST(MigrationHost, EntersTheRootWithoutPrivilegesInANamespaceOfItsOwn) {
+  if (!isRoot()) GTEST_SKIP() << "the other tests run without privileges already";
+  if (readAll("/proc/sys/user/max_user_namespaces") == "0\n")
+    GTEST_SKIP() << "no user namespaces here";
+  constexpr uid_t kNobody = 65534;
+  const TemporaryRoot root;
+  ChildProcess::Setup setup = setupFor(root, "");
+  setup.user = kNobody;
+  const ProcessOutcome refused = runProcess(setup);
+  if (refused.status == 127) GTEST_SKIP() << "the program is not readable for everyone";
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.err, "migration-host: " + root.path() + ": Permission denied\n");
+  ASSERT_EQ(chown(root.path().c_str(), kNobody, kNobody), 0);
+  const ProcessOutcome outcome = runProcess(setup);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(readAll(root / "calls").starts_with("init mask=18 cwd=/ tmpdir=none\n"));
+}
+
+TEST(MigrationHost, RefusesASecondRunOnTheSameRoot) {
+  const TemporaryRoot root;
+  const int lock = open(root.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
+  const ProcessOutcome refused = run(root, "", {"--json"});
+  EXPECT_EQ(refused.status, 4);
+  EXPECT_EQ(refused.err, "migration-host: " + root.path() + ": another run is at work here\n");
+  EXPECT_TRUE(summaryOf(refused).at("dataClassName").is_null());
+  EXPECT_FALSE(exists(root / "calls"));
+  close(lock);
+  EXPECT_EQ(run(root, "").status, 0);
+}
+
+TEST(MigrationHost, SaysThatALaterRunResumesWhenASignalEndsIt) {
+  const std::string script = "perform\nstart com.a /a\nfinish true\nstart com.b /b\nhang\n";
+  const struct {
+    int signal;
+    int ignored;
+    const char* name;
+  } cases[] = {{SIGTERM, 0, "SIGTERM"}, {SIGINT, 0, "SIGINT"}, {SIGTERM, SIGINT, "SIGTERM"}};
+  for (const auto& c : cases) {
+    const TemporaryRoot root;
+    ChildProcess::Setup setup = setupFor(root, script, {"--json"});
+    setup.ignoredSignal = c.ignored;
+    ChildProcess host(setup);
+    ASSERT_TRUE(waitUntil([&] { return readAll(root / "calls").ends_with("hanging\n"); }));
+    if (c.ignored != 0) host.signal(c.ignored);
+    host.signal(c.signal);
+    const ProcessOutcome outcome = host.wait();
+    EXPECT_EQ(outcome.status, 128 + c.signal);
+    EXPECT_EQ(outcome.err, std::string("migration-host: interrupted by ") + c.name +
+                               "; a later run resumes where this one stopped\n");
+    const Json summary = summaryOf(outcome);
+    EXPECT_TRUE(summary.at("result").is_null());
+    EXPECT_EQ(summary.at("containers"),
+              Json::parse(R"([{"identifier":"com.a","path":"/a","result":true}])"));
+    EXPECT_EQ(run(root, "").status, 0) << "the lock went with the process";
+  }
+}
+
+TEST(MigrationHost, TellsWhatBecameOfEveryContainer) {
+  const std::string script =
+      "init\nerror x PLAppMigrator: early\n\nperform\n"
+      "start com.example.good /private/a\nnotice x not a reason\nfinish true\n"
+      "start com.\\xff\\x1b[2J /private/b\\x0ac\n"
+      "error x PLAppMigrator: Failed to read \\x1b[31m\\x0a2 migrated, 0 failed\nerror x "
+      "second\nfinish false\n"
+      "error x PLAppMigrator: late\nprogress 0.75\nfail\n";
+  const TemporaryRoot root;
+  const ProcessOutcome outcome = run(root, script);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(std::regex_replace(outcome.out, std::regex("in [0-9.]+ s"), "in S s"),
+            "com.example.good  migrated\n"
+            "com.\\xFF\\x1B[2J   failed    Failed to read \\x1B[31m\\x0A2 migrated, 0 failed\n"
+            "other problem: early\n"
+            "other problem: late\n"
+            "1 migrated, 1 failed, 2 other problems in S s\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(run(root, script, {"-q"}).out, "");
+
+  Json summary = summaryOf(run(root, script, {"--json"}));
+  EXPECT_TRUE(summary.at("seconds").is_number());
+  summary.erase("seconds");
+  EXPECT_EQ(summary, Json::parse(R"({"type": "summary", "exitStatus": 1, "dataClassName": "Fake",
+    "estimatedDuration": 22.25, "items": 2, "result": false, "progress": 0.75, "containers": [
+      {"identifier": "com.example.good", "path": "/private/a", "result": true},
+      {"identifier": "com.\\xFF\u001b[2J", "path": "/private/b\nc", "result": false}]})"));
+}
+
+TEST(MigrationHost, EndsItsRunWithoutSomebodyToTell) {
+  for (const auto output : {ChildProcess::Output::kBrokenPipe, ChildProcess::Output::kClosed}) {
+    const TemporaryRoot root;
+    const TemporaryRoot outside;
+    ChildProcess::Setup setup = setupFor(root, "perform\nstart a /a\nerror x broken\nfinish true\n",
+                                         {"--log", outside / "log", "--json"});
+    setup.output = output;
+    const ProcessOutcome outcome = runProcess(setup);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, output == ChildProcess::Output::kClosed
+                               ? ""
+                               : "migration-host: standard output: Broken pipe\n");
+    EXPECT_EQ(lines(readAll(outside / "log")).size(), 1U)
+        << "what was for standard output is elsewhere";
+  }
+}
+
+const std::string kLoggingScript =
+    "perform\nerror x host\nnotice x host\nproduct 3 product\nproduct 5 product\nproduct 7 "
+    "a\\xff\\x0ab\n";
+
+TEST(MigrationHostLogs, HoldTheLinesUpToTheLevelThatIsAskedFor) {
+  const struct {
+    Words arguments;
+    size_t hostLines;
+    size_t productLines;
+  } cases[] = {{{}, 2, 2}, {{"-v"}, 2, 3}, {{"-q"}, 1, 1}};
+  for (const auto& c : cases) {
+    const TemporaryRoot root;
+    const ProcessOutcome outcome = run(root, kLoggingScript, c.arguments);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.out.find("product"), std::string::npos);
+    EXPECT_EQ(lines(readAll(root / kHostLog)).size(), c.hostLines);
+    EXPECT_EQ(lines(readAll(root / kProductLog)).size(), c.productLines);
+  }
+}
+
+TEST(MigrationHostLogs, GoToOneFileOutsideWhenThatIsAskedFor) {
+  const TemporaryRoot root;
+  const TemporaryRoot outside;
+  EXPECT_EQ(run(root, kLoggingScript, {"--log", outside / "log", "-v", "--log-format", "json"}).err,
+            "");
+  EXPECT_FALSE(exists(root / "private"));
+  Words seen;
+  for (const std::string& line : lines(readAll(outside / "log"))) {
+    const Json object = Json::parse(line, nullptr, false);
+    ASSERT_TRUE(object.is_object()) << line;
+    seen.push_back(object.at("log").get<std::string>() +
+                   std::to_string(object.at("level").get<int>()) +
+                   object.at("message").get<std::string>());
+  }
+  EXPECT_EQ(seen, (Words{"host3host", "host5host", "product3product", "product5product",
+                         "product7a\\xFF\nb"}));
+}
+
+TEST(MigrationHostLogs, ThatCannotBeWrittenAreOneWarningAndStopNoRun) {
+  const TemporaryRoot root;
+  const std::string victim = root.makeFile("victim", "mine");
+  root.makeLink(kHostLog, "/victim");
+  root.makeDirectory("private/var/mobile/Library/Logs/Pallion");
+  ASSERT_EQ(mkfifo((root / kProductLog).c_str(), 0600), 0);
+  const ProcessOutcome outcome = run(root, kLoggingScript, {"--log", root / "missing/log"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "migration-host: warning: using the logs inside the root instead of " +
+                             (root / "missing/log") + ": No such file or directory\n" +
+                             "migration-host: warning: log lines are lost: /" + kHostLog +
+                             ": Too many levels of symbolic links\n" +
+                             "migration-host: warning: log lines are lost: /" + kProductLog +
+                             ": No such device or address\n");
+  EXPECT_EQ(readAll(victim), "mine");
+}
+
+TEST(MigrationHostProgress, IsABarThatNeverGoesBackOrBeyondTheEnd) {
+  const TemporaryRoot root;
+  ChildProcess::Setup setup =
+      setupFor(root, "perform\nstart com.\\x1b[2J\\x9b" + std::string(80, 'n') +
+                         " /a\npause 300\nprogress "
+                         "0.5\npause 300\nfinish true\nprogress 0.25\npause 300\n"
+                         "progress 7\npause 300\nprogress nan\npause 300\n");
+  setup.terminalColumns = 80;
+  setup.environment.insert(setup.environment.end(), {"TERM=xterm", "NO_COLOR="});
+  const ProcessOutcome outcome = runProcess(setup);
+  EXPECT_EQ(outcome.status, 0);
+  std::vector<int> percentages;
+  bool named = false;
+  const std::regex drawn(
+      R"(\r\x1b\[K\[(#*)(-*)\] +(\d+)%  (\d) done  00:0\d elapsed, \d+:\d\d(?::\d\d)? left  ([^\r]*))");
+  for (std::sregex_iterator at(outcome.err.begin(), outcome.err.end(), drawn), end; at != end;
+       ++at) {
+    const std::smatch& row = *at;
+    percentages.push_back(std::stoi(row[3]));
+    EXPECT_EQ(row[1].length() + row[2].length(), 20);
+    EXPECT_EQ(row[1].length(), percentages.back() / 5);
+    // Cut so that the last column stays free; what stands before "[" moves and clears.
+    if (row[5].length() != 0) {
+      EXPECT_TRUE(row[5].str().starts_with("com.\\x1B[2J\\x9Bnn")) << row[5];
+      EXPECT_EQ(row[0].length() - 4, 79);
+      named = true;
+    }
+  }
+  percentages.erase(std::unique(percentages.begin(), percentages.end()), percentages.end());
+  EXPECT_EQ(percentages, (std::vector<int>{0, 50, 100})) << outcome.err;
+  EXPECT_TRUE(named);
+  EXPECT_TRUE(outcome.err.ends_with("\r\x1b[K")) << "the row is cleared at the end";
+  EXPECT_EQ(std::regex_replace(outcome.err, drawn, ""), "\r\x1b[K") << "nothing else is written";
+}
+
+TEST(MigrationHostProgress, IsNotShownWhereItWouldDisturb) {
+  const struct {
+    const char* name;
+    unsigned short columns;
+    Words environment;
+    Words arguments;
+  } cases[] = {{"dumb", 80, {"TERM=dumb"}, {}},
+               {"plain", 80, {"TERM=xterm", "NO_COLOR=1"}, {}},
+               {"narrow", 20, {"TERM=xterm", "NO_COLOR="}, {}},
+               {"quiet", 80, {"TERM=xterm", "NO_COLOR="}, {"-q"}}};
+  for (const auto& c : cases) {
+    const TemporaryRoot root;
+    ChildProcess::Setup setup = setupFor(root, "perform\nprogress 0.5\npause 150\n", c.arguments);
+    setup.terminalColumns = c.columns;
+    setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
+    EXPECT_EQ(runProcess(setup).err, "") << c.name;
+  }
+}
+
+TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
+  const TemporaryRoot root;
+  root.makeFile(
+      "Applications/Built.app/Info.plist",
+      R"(<?xml version="1.0"?><plist version="1.0"><dict><key>QXBundleIdentifier</key>)"
+      R"(<string>com.example.built</string><key>QXBundleVersion</key><string>1.10</string>)"
+      R"(</dict></plist>)");
+  root.makeFile("old harbor/kept");
+  {
+    const auto registry = Registry::atRoot(root.url());
+    ASSERT_TRUE(registry->registerSafeHarbor(root / "old harbor", "com.example.gone", 2, nullptr));
+    ASSERT_TRUE(registry->proxyForIdentifier("com.example.alone"));
+  }
+  const int lock = open(root.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);  // asking goes on beside a run
+  ChildProcess::Setup setup = setupFor(root, "", {"--json"});
+  setup.arguments.insert(setup.arguments.begin() + 1, "apps");
+  const ProcessOutcome outcome = runProcess(setup);
+  close(lock);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const Json document = Json::parse(outcome.out, nullptr, false);
+  ASSERT_TRUE(document.is_object()) << outcome.out;
+  const Json& applications = document.at("applications");
+  ASSERT_EQ(applications.size(), 2U) << outcome.out;
+  const std::string data = applications[0].at("dataContainerURL").get<std::string>();
+  EXPECT_TRUE(data.starts_with("/private/var/palliond/Containers/Data/") &&
+              exists(root.path() + data))
+      << data;
+  EXPECT_EQ(applications[0].at("identifier"), "com.example.alone");
+  EXPECT_TRUE(applications[0].at("bundleURL").is_null());
+  EXPECT_EQ(applications[1].at("identifier"), "com.example.built");
+  EXPECT_EQ(applications[1].at("bundleURL"), "/Applications/Built.app");
+  EXPECT_EQ(applications[1].at("version"), "1.10");
+  EXPECT_EQ(applications[1].at("type"), "App");
+  EXPECT_EQ(applications[1].at("builtIn"), true);
+  EXPECT_EQ(applications[1].at("placeholder"), false);
+  EXPECT_TRUE(applications[1].contains("groupContainerURLs"));
+  const Json& harbor = document.at("safeHarbors").at(0);
+  EXPECT_EQ(harbor.at("identifier"), "com.example.gone");
+  EXPECT_EQ(harbor.at("containerType"), 2);
+  EXPECT_TRUE(exists(root.path() + harbor.at("path").get<std::string>() + "/kept")) << harbor;
+}
+
+TEST(MigrationHostApps, ChangesNothingAndNamesTheCauseOfAFailure) {
+  const TemporaryRoot root;
+  const auto showApps = [&] {
+    return runProcess(
+        {.arguments = {kBinaries + "/bin/migration-host", "--root", root.path(), "apps"},
+         .environment = {"ASAN_OPTIONS=detect_leaks=0"}});
+  };
+  const ProcessOutcome empty = showApps();
+  EXPECT_EQ(empty.status, 0);
+  EXPECT_EQ(empty.out, "0 applications, 0 safe harbors\n");
+  EXPECT_TRUE(std::filesystem::is_empty(root.path()));
+
+  const std::string database = "private/var/palliond/Library/Pallion/registry.sqlite";
+  root.makeFile(database, "this is no database at all");
+  const ProcessOutcome damaged = showApps();
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_EQ(damaged.out, "");
+  ASSERT_EQ(lines(damaged.err).size(), 1U) << damaged.err;
+  EXPECT_NE(damaged.err.find("/" + database), std::string::npos) << damaged.err;
+}
+
+TEST(MigrationHostHelp, IsPrintedBeforeAnythingIsDone) {
+  for (const Words& arguments : {Words{"--help"}, Words{"apps", "--help"}, Words{"--version"}}) {
+    const TemporaryRoot root;
+    const ProcessOutcome outcome = run(root, "", arguments);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    const bool version = arguments[0] == "--version";
+    for (const char* part : {"\nExamples:\n  migration-host", "\n  --root DIR ", "\n  apps "}) {
+      EXPECT_EQ(outcome.out.find(part) != std::string::npos, !version) << part;
+    }
+    EXPECT_EQ(std::regex_match(outcome.out, std::regex("migration-host \\d+\\.\\d+\\.\\d+\n")),
+              version);
+    EXPECT_FALSE(exists(root / "calls"));
+  }
+}
+
+}  // namespace
+}  // namespace pallion::test
