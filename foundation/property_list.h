@@ -26,8 +26,8 @@ Value readPropertyList(std::string_view bytes);
 
 // The bytes, or nothing when the value can't be read back from that format: XML holds no text that is not UTF-8 or that
 // holds control characters other than tab, line feed and carriage return, no dictionary keys but strings, and no sets;
-// binary holds no text that is not UTF-8. Neither holds none, nesting beyond the maximum, or (XML) dates outside
-// the years 1 to 9999.
+// binary holds no text that is not UTF-8. Neither holds none, nesting beyond the maximum, or dates that are
+// not finite or (XML) outside the years 1 to 9999. XML dates lose the fraction of their second.
 std::optional<std::string> writePropertyList(const Value& value, PropertyListFormat format);
 
 // Reads a regular file (a symbolic link at the last component is not followed; FIFOs and devices are not opened for

@@ -73,6 +73,10 @@ struct Value::Object {
                Members>
       content;
   mutable std::atomic<size_t> containerHash{0};  // 0 until somebody asks for it
+
+  template <class T>
+  requires(!std::is_same_v<std::remove_cvref_t<T>, Object>) explicit Object(T&& held)
+      : content(std::forward<T>(held)) {}
 };
 
 Value Value::string(std::string text) {
@@ -313,6 +317,11 @@ void appendData(std::string& out, std::string_view bytes) {
 }
 
 }  // namespace
+
+std::string_view nameOfClass(Value::Class k) {
+  constexpr std::string_view kNames[] = {"none", "string", "number", "boolean", "data", "date", "array", "dictionary", "set"};
+  return kNames[static_cast<size_t>(k)];
+}
 
 void appendDescription(std::string& out, const Value& value) {
   switch (value.valueClass()) {

@@ -160,6 +160,9 @@ class Dictionary {
 void appendDescription(std::string& out, const Value& value);
 void appendDescription(std::string& out, const Dictionary& dictionary);
 
+// "string", "number", "boolean", "data", "date", "array", "dictionary", "set" or "none".
+std::string_view nameOfClass(Value::Class k);
+
 // Seconds since 2001-01-01 UTC as "YYYY-MM-DDThh:mm:ssZ", whole seconds rounded down. Years 1 to
 // 9999; empty otherwise.
 std::string dateText(double seconds);

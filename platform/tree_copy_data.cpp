@@ -11,9 +11,10 @@ namespace pallion {
 
 namespace {
 
-constexpr size_t kBufferSize = 256 * 1024;
-// Up to here reading and writing costs less than asking the kernel to copy.
-constexpr off_t kLargestInOnePiece = 64 * 1024;
+constexpr size_t kBufferSize = size_t{256} * 1024;
+// A file up to here takes one read and one write. Where nothing is really offloaded, as on tmpfs
+// and ext4, that costs less than asking the kernel to copy.
+constexpr off_t kLargestInOnePiece = off_t{64} * 1024;
 // One call can't be interrupted for much longer than this takes.
 constexpr off_t kLargestOffload = off_t{1} << 30;
 

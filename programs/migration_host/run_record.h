@@ -11,7 +11,8 @@ struct ContainerRecord {
   std::string identifier;
   std::string path;
   bool result = false;
-  // The first error that was logged while the container was in hand; empty for none.
+  // The error that decided: of a failed container the last one before the plug-in's word that it
+  // failed, of a migrated one the first, which did not keep it. Empty for none.
   std::string reason;
 };
 

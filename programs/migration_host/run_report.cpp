@@ -12,6 +12,7 @@ void RunReport::itemStarted(std::string_view identifier, std::string_view path) 
   const std::lock_guard lock(mutex_);
   inHand_ = {std::string(identifier), std::string(path), false, {}};
   hasInHand_ = true;
+  errorsInHand_.clear();
 }
 
 void RunReport::itemFinished(bool result) {
@@ -19,6 +20,9 @@ void RunReport::itemFinished(bool result) {
   if (!hasInHand_) return;
   hasInHand_ = false;
   inHand_.result = result;
+  // What decides a failure comes last but for the plug-in's own word that the item failed.
+  const size_t errors = errorsInHand_.size();
+  if (errors != 0) inHand_.reason = errorsInHand_[result || errors == 1 ? 0 : errors - 2];
   if (form_ == ReportForm::kJSON) print(containerJSON(inHand_));
   record_.containers.push_back(std::move(inHand_));
 }
@@ -27,8 +31,8 @@ void RunReport::errorLogged(std::string_view message) {
   const std::lock_guard lock(mutex_);
   if (!hasInHand_) {
     record_.otherProblems.emplace_back(message);
-  } else if (inHand_.reason.empty()) {
-    inHand_.reason = message;
+  } else {
+    errorsInHand_.emplace_back(message);
   }
 }
 

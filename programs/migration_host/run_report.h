@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/migration_plugin.h"
 #include "programs/migration_host/host_logs.h"
@@ -51,6 +52,7 @@ class RunReport : public MigrationObserver, public ErrorListener {
   std::mutex mutex_;
   RunRecord record_;
   ContainerRecord inHand_;
+  std::vector<std::string> errorsInHand_;
   bool hasInHand_ = false;
   bool hasBegun_ = false;
   std::chrono::steady_clock::time_point beginning_;

@@ -1,6 +1,7 @@
 #include "tests/AppMigrator/migrator_fixture.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "AppMigrator/container_info.h"
 #include "foundation/property_list.h"
@@ -8,9 +9,12 @@
 namespace pallion::test {
 
 MigratorFixture::MigratorFixture() : configuration(root.url()), installer(root) {
+  setenv("TMPDIR", root.makeDirectory("tmp").c_str(), 1);
   root.makeDirectory("private/var/mobile/Library/Caches");
   root.makeDirectory("private/var/mobile/Library/Pallion");
 }
+
+MigratorFixture::~MigratorFixture() { unsetenv("TMPDIR"); }
 
 std::string MigratorFixture::inApplications(const std::string& relative) const {
   return root / (std::string(kApplications) + "/" + relative);

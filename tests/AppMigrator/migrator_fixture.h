@@ -21,6 +21,7 @@ class MigratorFixture : public testing::Test {
   static constexpr const char* kHarborMap = "private/var/mobile/Library/Pallion/SafeHarbor.plist";
 
   MigratorFixture();
+  ~MigratorFixture() override;
 
   // Writes a bundle with an identifier (none when empty) into a container; the executable stands in
   // it, too.

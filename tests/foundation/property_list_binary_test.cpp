@@ -87,7 +87,7 @@ TEST(BinaryPropertyList, FollowsReferencesOfEverySize) {
   for (size_t size = 1; size <= 8; ++size) {
     const std::string zero = bigEndian(0, size);
     const std::string two = bigEndian(2, size);
-    const std::vector<std::string> objects = {"\x51k"s, "\xd1" + zero + two, "\xa2" + zero + zero,
+    const std::vector<std::string> objects = {"\x51k"s, "\xd1"s + zero + two, "\xa2"s + zero + zero,
                                               "\x51u"s};
     const Value value = readPropertyList(list(objects, {size, size, 1}));
     EXPECT_EQ("{k = (k, k)}", description(value)) << size;
@@ -139,7 +139,7 @@ TEST(BinaryPropertyList, RefusesDamagedObjects) {
       {"unknown type B", {"\xb0"s}},
       {"unknown type E", {"\xe0"s}},
       {"unknown type F", {"\xf0"s}},
-      {"integer of 32 bytes", {"\x15" + std::string(32, '\0')}},
+      {"integer of 32 bytes", {"\x15"s + std::string(32, '\0')}},
       {"integer beyond 64 bits", {"\x14\0\0\0\0\0\0\0\x01\0\0\0\0\0\0\0\0"s}},
       {"negative integer beyond 64 bits",
        {"\x14\xff\xff\xff\xff\xff\xff\xff\xff\x7f\xff\xff\xff\xff\xff\xff\xff"s}},
@@ -204,8 +204,12 @@ TEST(BinaryPropertyList, RefusesDamagedTrailers) {
     bytes.replace(trailer + test.at, test.bytes.size(), test.bytes);
     EXPECT_FALSE(readPropertyList(bytes)) << test.name;
   }
-  std::string inMagic = good;
-  inMagic[trailer - 1] = 0;  // the object's offset
+  std::string inMagic =
+      list({"\x59"
+            "abcdefghi"});
+  ASSERT_TRUE(readPropertyList(inMagic));
+  inMagic[inMagic.size() - 33] =
+      0;  // the object's offset; "bplis" reads as a text of two characters
   EXPECT_FALSE(readPropertyList(inMagic));
   EXPECT_FALSE(readPropertyList("bplist00"));
   std::string crowded = list({"\x08"});
@@ -214,6 +218,9 @@ TEST(BinaryPropertyList, RefusesDamagedTrailers) {
   crowded[crowded.size() - 17] = 3;
   EXPECT_FALSE(readPropertyList(crowded)) << "more objects than bytes";
 }
+
+// Of the object at `index`, by references of two bytes.
+std::string array(uint64_t index) { return std::string("\xa1").append(bigEndian(index, 2)); }
 
 // `levels` arrays, each of which holds the next one `width` times; the last one is empty.
 std::string nested(size_t levels, size_t width) {
@@ -234,16 +241,16 @@ TEST(BinaryPropertyList, BoundsDepthAndUnfolding) {
   EXPECT_TRUE(readPropertyList(nested(16, 2)));
   EXPECT_FALSE(readPropertyList(nested(60, 2)));
   // A deep part that was first met near the root: 400 arrays, then the same below 200 more.
-  std::vector<std::string> objects = {"\xa2" + bigEndian(1, 2) + bigEndian(401, 2)};
-  for (uint64_t i = 1; i < 400; ++i) objects.push_back("\xa1" + bigEndian(i + 1, 2));
+  std::vector<std::string> objects = {"\xa2"s + bigEndian(1, 2) + bigEndian(401, 2)};
+  for (uint64_t i = 1; i < 400; ++i) objects.push_back(array(i + 1));
   objects.emplace_back("\xa0");
-  for (uint64_t i = 401; i < 600; ++i) objects.push_back("\xa1" + bigEndian(i + 1, 2));
-  objects.push_back("\xa1" + bigEndian(1, 2));
+  for (uint64_t i = 401; i < 600; ++i) objects.push_back(array(i + 1));
+  objects.push_back(array(1));
   EXPECT_FALSE(readPropertyList(list(objects, {4, 2, 0})));
   // A long text in many places.
-  const std::string text = "\x5f\x12" + bigEndian(100000, 4) + std::string(100000, 'x');
+  const std::string text = "\x5f\x12"s + bigEndian(100000, 4) + std::string(100000, 'x');
   const auto repeated = [&text](size_t times) {
-    return list({"\xaf\x12" + bigEndian(times, 4) + std::string(times, '\1'), text}, {4, 1, 0});
+    return list({"\xaf\x12"s + bigEndian(times, 4) + std::string(times, '\1'), text}, {4, 1, 0});
   };
   EXPECT_TRUE(readPropertyList(repeated(15)));
   EXPECT_FALSE(readPropertyList(repeated(20000)));

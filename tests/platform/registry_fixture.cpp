@@ -25,26 +25,26 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 
 }  // namespace
 
-void makeBundle(const std::string& path, const BundleSpecification& specification) {
+void makeBundle(const std::string& path, const BundleContent& content) {
   std::filesystem::create_directories(path);
   std::string entries;
-  if (!specification.identifier.empty())
-    entries += element(kQXBundleIdentifier, specification.identifier);
-  if (!specification.version.empty()) entries += element(kQXBundleVersion, specification.version);
-  if (!specification.executable.empty()) {
-    entries += element(kQXBundleExecutable, specification.executable);
-    write(path + "/" + specification.executable, "code of " + specification.identifier);
+  if (!content.identifier.empty())
+    entries += element(kQXBundleIdentifier, content.identifier);
+  if (!content.version.empty()) entries += element(kQXBundleVersion, content.version);
+  if (!content.executable.empty()) {
+    entries += element(kQXBundleExecutable, content.executable);
+    write(path + "/" + content.executable, "code of " + content.identifier);
   }
   entries += "<key>" + std::string(kQXApplicationGroups) + "</key><array>";
-  for (const std::string& group : specification.groups) entries += "<string>" + group + "</string>";
+  for (const std::string& group : content.groups) entries += "<string>" + group + "</string>";
   write(path + "/Info.plist",
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + entries +
             "</array></dict></plist>\n");
 }
 
 std::string RegistryTest::makeStaging(const std::string& name, const std::string& bundle,
-                                      const BundleSpecification& specification) const {
-  makeBundle(root_ / (name + "/Payload/" + bundle), specification);
+                                      const BundleContent& content) const {
+  makeBundle(root_ / (name + "/Payload/" + bundle), content);
   return root_ / name;
 }
 

@@ -12,14 +12,14 @@
 namespace pallion::test {
 
 // What a bundle for tests holds.
-struct BundleSpecification {
+struct BundleContent {
   std::string identifier;
   std::string version = "1.0";
   std::string executable = "Run";  // also made; none when empty
   std::vector<std::string> groups = {};
 };
 
-void makeBundle(const std::string& path, const BundleSpecification& specification);
+void makeBundle(const std::string& path, const BundleContent& content);
 
 // A registry in a root of its own, and the staging directories that it is given.
 class RegistryTest : public testing::Test {
@@ -28,7 +28,7 @@ class RegistryTest : public testing::Test {
 
   // <root>/<name> with the bundle Payload/<bundle>.
   std::string makeStaging(const std::string& name, const std::string& bundle,
-                          const BundleSpecification& specification) const;
+                          const BundleContent& content) const;
   std::string makePlaceholder(const std::string& identifier) const;
   void makeBuiltIn(const std::string& identifier, const std::string& version,
                    const Strings& groups = {}) const;

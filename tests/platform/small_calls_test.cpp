@@ -72,6 +72,17 @@ TEST(MakePath, MakesWhatIsMissing) {
   }
 }
 
+TEST(MakePath, AnswersTheErrorOfTheFirstDirectoryThatFails) {
+  if (!test::canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
+  const TemporaryRoot root;
+  EXPECT_TRUE(test::runInMountNamespace([&] {
+    // Room for the volume's root and one more directory.
+    const auto volume = test::Mount::tmpfs(root.path(), "nr_inodes=2");
+    EXPECT_EQ(MakePath::system().make((root / "a/b/c/d").c_str(), 0700), ENOSPC);
+    EXPECT_TRUE(exists(root / "a"));
+  }));
+}
+
 TEST(UUID, IsNewAndOfTheExactForm) {
   std::set<std::string> seen;
   for (int i = 0; i < 2000; ++i) {

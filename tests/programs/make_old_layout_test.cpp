@@ -276,19 +276,30 @@ TEST(MakeOldLayout, TheMessHoldsEachAwkwardCase) {
 
 TEST(MakeOldLayout, WrongUsageChangesNothing) {
   const TemporaryRoot parent;
-  const Words cases[] = {{"--apps", "-3"},
-                         {"--apps", "many"},
-                         {"--files", "1.5"},
-                         {"--seed", "-1"},
-                         {"--bogus"},
-                         {"--apps", "99999999999999999999"},
-                         {"--apps", "2", "--placeholders", "3"}};
-  for (const Words& words : cases) {
+  // Whatever is taken for a very large number must find nothing to write.
+  const Words nothing = {"--apps",   "0", "--placeholders", "0", "--vpn", "0",
+                         "--groups", "0", "--harbors",      "0"};
+  const struct {
+    Words base;
+    Words wrong;
+  } cases[] = {
+      {nothing, {"--file-size", "-3"}},
+      {nothing, {"--file-size", "99999999999999999999"}},
+      {nothing, {"--seed", "-1"}},
+      {nothing, {"--files", "1.5"}},
+      {nothing, {"--files", "many"}},
+      {nothing, {"--bogus"}},
+      {{"--apps", "2"}, {"--placeholders", "3"}},
+  };
+  for (const auto& c : cases) {
+    Words words = c.base;
+    words.insert(words.end(), c.wrong.begin(), c.wrong.end());
+    SCOPED_TRACE(c.wrong.back());
     const ProcessOutcome outcome = make(parent / "root", words);
-    EXPECT_EQ(outcome.status, 2) << words[0];
+    EXPECT_EQ(outcome.status, 2);
     EXPECT_TRUE(outcome.err.starts_with("make-old-layout: ")) << outcome.err;
     EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
-    EXPECT_FALSE(exists(parent / "root")) << words[0];
+    EXPECT_FALSE(exists(parent / "root"));
   }
 
   parent.makeFile("taken/" + kContainers + "/kept.txt", "old");

@@ -222,7 +222,8 @@ TEST(MigrationHost, TellsWhatBecameOfEveryContainer) {
       "init\nerror x PLAppMigrator: early\n\nperform\n"
       "start com.example.good /private/a\nnotice x not a reason\nfinish true\n"
       "start com.\\xff\\x1b[2J /private/b\\x0ac\n"
-      "error x PLAppMigrator: Failed to read \\x1b[31m\\x0a2 migrated, 0 failed\nerror x "
+      "error x first\nerror x PLAppMigrator: Failed to read \\x1b[31m\\x0a2 migrated, 0 "
+      "failed\nerror x "
       "second\nfinish false\n"
       "error x PLAppMigrator: late\nprogress 0.75\nfail\n";
   const TemporaryRoot root;
@@ -341,7 +342,7 @@ TEST(MigrationHostProgress, IsABarThatNeverGoesBackOrBeyondTheEnd) {
     EXPECT_EQ(row[1].length(), percentages.back() / 5);
     // Cut so that the last column stays free; what stands before "[" moves and clears.
     if (row[5].length() != 0) {
-      EXPECT_TRUE(row[5].str().starts_with("com.\\x1B[2J\\x9Bnn")) << row[5];
+      EXPECT_TRUE(row[5].str().starts_with("com.\\x1B[2J\\x9B")) << row[5];
       EXPECT_EQ(row[0].length() - 4, 79);
       named = true;
     }
