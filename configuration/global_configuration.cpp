@@ -10,12 +10,14 @@ PLGlobalConfiguration& PLGlobalConfiguration::sharedInstance() {
   return *kShared;
 }
 
-PLGlobalConfiguration::PLGlobalConfiguration(const URL& root)
-    : palliondPath_(root.appending("private/var/palliond", URL::Kind::kDirectory)),
-      mobilePath_(root.appending("private/var/mobile", URL::Kind::kDirectory)),
-      rootPath_(root),
-      uid_(33),
-      gid_(33) {}
+PLGlobalConfiguration::PLGlobalConfiguration(const URL& root) {
+  readPreferences();
+  palliondPath_ = root.appending("private/var/palliond", URL::Kind::kDirectory);
+  mobilePath_ = root.appending("private/var/mobile", URL::Kind::kDirectory);
+  rootPath_ = root;
+  uid_ = 33;
+  gid_ = 33;
+}
 
 URL PLGlobalConfiguration::oldContainerPath() const {
   return mobilePath_.appending("Applications", URL::Kind::kDirectory);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <fts.h>
 #include <functional>
 #include <optional>
 #include <sys/types.h>
@@ -105,8 +106,43 @@ class PLFileManager {
   // An unsigned number, 0 for a bundle without the attribute; none on failure.
   Value installTypeForBundle(const URL& bundle, Error* error) const;
 
+  // --- Containment. The real path of `suspicious`, without links, "." and "..", as a file
+  // location, when it lies inside `base` (or is the base); nothing otherwise, and a line at level 3
+  // says why. Holds against links that lead out, absolute links,
+  // "..", and the two paths /var and /private/var of one volume. What does not exist yet is judged
+  // by what does. The base's path must be a prefix of the other one. Null is rejected. The answer
+  // is about the moment of the call.
+  std::optional<URL> realPathForURL(const URL* suspicious, const URL* base) const;
+
+  // --- Symbolic links.
+  bool createSymbolicLinkAtURL(const URL& url, const URL& destination, Error* error) const;
+  // The location of the link's text; a relative one is taken from the link's directory. A text of
+  // 1024 bytes and more is ENAMETOOLONG.
+  std::optional<URL> destinationOfSymbolicLinkAtURL(const URL& url, Error* error) const;
+
+  // --- Ownership. Gives every item of a tree one owner and group, directories the mode 0755 and
+  // all others 0644 (links keep theirs). Items that are right already are left untouched. A change
+  // that fails is logged at level 3, and the walk goes on. With `validateSymlinks` a link that does
+  // not resolve to a place inside the tree ends the walk with a logged PLInstallerErrorDomain
+  // record (70). Directories on other volumes are not entered.
+  bool standardizeOwnershipAtURL(const URL& root, uid_t uid, gid_t gid, bool validateSymlinks,
+                                 Error* error) const;
+
  private:
   PLFileManager() = default;
+
+  // Walks a tree, directories before and after their contents; ends when the callback answers
+  // false. The callback's record stays until a later one replaces it.
+  using TraversalCallback = std::function<bool(const FTSENT& entry, Error* error)>;
+  bool _traverseDirectory(const URL& root, Error* error, const TraversalCallback& callback) const;
+
+  // The depth of a path counted from `startingDepth`: ".." is one less, any other name one more.
+  // False as soon as it falls below the start.
+  bool _validateSymlink(const std::string* path, int startingDepth, int* endingDepth) const;
+  std::optional<URL> _realPathForURL(const URL& url, bool allowNonExistentPathComponents) const;
+  // The real path of the longest prefix that has one, with the rest appended. The root alone is
+  // never tried.
+  std::optional<URL> _realPathWhatExistsInPath(const std::string& path) const;
 
   bool _copyItemAtURL(const URL& source, const URL& destination, bool failIfSrcMissing,
                       Error* error) const;

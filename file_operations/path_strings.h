@@ -3,14 +3,15 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace pallion {
 
-// Strings from file-system representations. Strings are bytes here, so that a name that is not
-// UTF-8 is kept as it is.
+// Additions to strings that hold paths. Strings are bytes here, so that a name that is not UTF-8 is
+// kept as it is.
 class PallionAdditions {
  public:
-  // Exactly `length` bytes.
+  // A string from a file-system representation: exactly `length` bytes.
   static std::string stringWithFileSystemRepresentation(const char* bytes, size_t length) {
     return {bytes, length};
   }
@@ -18,6 +19,12 @@ class PallionAdditions {
   static std::string stringWithFileSystemRepresentation(const char* bytes) {
     return stringWithFileSystemRepresentation(bytes, std::string_view(bytes).size());
   }
+
+  // The names between the slashes of a path; the leading "/" of an absolute one is a component of
+  // its own.
+  static std::vector<std::string> pathComponents(std::string_view path);
+  // True when one of the components is "..".
+  static bool containsDotDotPathComponents(std::string_view path);
 };
 
 }  // namespace pallion
