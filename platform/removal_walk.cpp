@@ -54,6 +54,8 @@ int RemovalWalk::run(const char* path) {
   // A single file or link needs nothing more.
   if (unlinkat(AT_FDCWD, path_.c_str(), 0) == 0) return 0;
   int number = errno;
+  // Neither does an empty directory.
+  if (number == EISDIR && unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR) == 0) return 0;
   if (number == ENOENT) return number;
   topParent_ = openParentDirectory(path_, topName_);
   if (topParent_ < 0) {

@@ -242,6 +242,11 @@ TEST_F(Container, LeftoversOfInterruptedMovesAreSwept) {
   root.makeFile("old-group/shared", "kept");
   makeInstallMap({{"g", Value::dictionary({{"Container", Value::string(root / "old-group")}})}});
   installer.groups["org.foo"] = {"g"};
+  installer.refusePlaceholders = true;
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(exists(inApplications("C/Documents/letter")));
+  EXPECT_FALSE(exists(inApplications("C/" + aside)));
+  installer.refusePlaceholders = false;
   EXPECT_TRUE(run());
   EXPECT_EQ(readAll(root / "new/group/g/shared"), "kept");
   EXPECT_FALSE(exists(root / ("new/group/g/" + aside)));
@@ -251,6 +256,24 @@ TEST_F(Container, LeftoversOfInterruptedMovesAreSwept) {
   root.makeFile(std::string(kApplications) + "/D/" + std::string(kSetAsidePrefix) + "x", "stray");
   EXPECT_FALSE(run());
   EXPECT_TRUE(exists(inApplications("D/" + std::string(kSetAsidePrefix) + "x")));
+}
+
+// One that can't be removed does not keep the container: what it held stands in the new layout.
+TEST_F(Container, LeftoversThatStayCountAsNothingMissed) {
+  const std::string aside = std::string(kSetAsidePrefix) + "01234567-89AB-4CDE-8F01-23456789ABCD";
+  makeApplication("C", "org.foo");
+  root.makeFile(std::string(kApplications) + "/C/" + aside + "/half");
+  class Refusing : public RecursiveRemove {
+   public:
+    int remove(const char* path, RemovalState& state) override {
+      if (isSetAsideName(URL::fileURL(path).lastPathComponent())) return errno = EPERM, -1;
+      return system().remove(path, state);
+    }
+  } refusing;
+  RecursiveRemove::replace(&refusing);
+  EXPECT_TRUE(run());
+  RecursiveRemove::replace(nullptr);
+  EXPECT_EQ(newLetter("org.foo"), "org.foo");
 }
 
 TEST_F(Container, RemovalBeginsWithTheMarker) {

@@ -55,16 +55,17 @@ TEST_F(Run, YieldsNoMigratorWhenTheInventoryCannotBeTaken) {
 }
 
 TEST_F(Run, CountsEveryItemOnce) {
-  for (int i = 0; i < 7; ++i)
+  for (int i = 0; i < 6; ++i)
     makeApplication("C" + std::to_string(i), "org.foo" + std::to_string(i));
   root.makeFile(std::string(kApplications) + "/WhereDidMyApplicationsGo.txt");
+  root.makeDirectory(std::string(kApplications) + "/empty");
   PLAppMigrator migrator(configuration);
   ASSERT_TRUE(migrator.init());
   EXPECT_EQ(migrator.estimatedDuration(), 38.0F);
   EXPECT_EQ(migrator.migrationProgress(), 0.0F);
   EXPECT_TRUE(migrator.performMigration());
   EXPECT_EQ(migrator.migrationProgress(), 1.0F);
-  EXPECT_TRUE(withPrefix(lines(false), "5 PLAppMigrator: Found").size() == 7);
+  EXPECT_TRUE(withPrefix(lines(false), "5 PLAppMigrator: Found").size() == 6);
   for (const std::string& category : hostLog.categories) EXPECT_EQ(category, "Shiftweller");
   EXPECT_EQ(hostLog.functions.front(), "-[PLAppMigrator init]");
   EXPECT_FALSE(exists(root / kApplications));
