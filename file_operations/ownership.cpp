@@ -41,7 +41,6 @@ bool PLFileManager::_traverseDirectory(const URL& root, Error* error,
                      path, std::strerror(number));
   }
   Error held;
-  Error* const heldPointer = error ? &held : nullptr;
   bool result = true;
   while (result) {
     errno = 0;  // the end of the walk is told from a failure by errno alone
@@ -49,18 +48,18 @@ bool PLFileManager::_traverseDirectory(const URL& root, Error* error,
     const int number = entry ? entry->fts_errno : errno;
     if (!entry && number == 0) break;
     if (!entry || entry->fts_info == FTS_ERR || entry->fts_info == FTS_NS) {
-      result = failPOSIX(heldPointer, kFunction, __LINE__, number, "Error for path %s: %s", path,
+      result = failPOSIX(&held, kFunction, __LINE__, number, "Error for path %s: %s", path,
                          std::strerror(number));
     } else {
-      result = callback(*entry, heldPointer);
+      result = callback(*entry, &held);
     }
   }
   if (fts_close(walk) != 0) {
     const int number = errno;
     result = false;
     if (!held) {
-      failPOSIX(heldPointer, kFunction, __LINE__, number, "fts_close failed for %s with error %s",
-                path, std::strerror(number));
+      failPOSIX(&held, kFunction, __LINE__, number, "fts_close failed for %s with error %s", path,
+                std::strerror(number));
     }
   }
   if (!result && error) *error = held;
@@ -82,13 +81,11 @@ bool PLFileManager::standardizeOwnershipAtURL(const URL& root, uid_t uid, gid_t 
     if (isLink(entry)) {
       const URL link = URL::fileURL(path, URL::Kind::kFile);
       if (validateSymlinks && !realPathForURL(&link, &root)) {
-        if (walkError) {
-          ErrorDetails extra;
-          extra.set(kLegacyErrorStringKey, Value::integer(kPLInvalidSymbolicLink));
-          *walkError = _CreateAndLogError(kFunction, __LINE__, PLInstallerErrorDomain,
-                                          kPLInvalidSymbolicLink, Error(), &extra,
-                                          "invalid symlink at %s", path);
-        }
+        ErrorDetails extra;
+        extra.set(kLegacyErrorStringKey, Value::integer(kPLInvalidSymbolicLink));
+        *walkError =
+            _CreateAndLogError(kFunction, __LINE__, PLInstallerErrorDomain, kPLInvalidSymbolicLink,
+                               Error(), &extra, "invalid symlink at %s", path);
         return false;
       }
       return true;  // Linux keeps no mode for links

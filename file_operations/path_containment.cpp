@@ -29,9 +29,8 @@ ssize_t readLink(const char* path, std::span<char, kPathBufferSize> buffer) {
 URL withoutPrivate(const URL& url) {
   constexpr std::string_view kPrivate = "/private";
   const std::string path = url.path();
-  return path.starts_with("/private/")
-             ? URL::fileURL(std::string_view(path).substr(kPrivate.size()))
-             : url;
+  const bool below = path.starts_with("/private/") && path != "/private/";
+  return below ? URL::fileURL(std::string_view(path).substr(kPrivate.size())) : url;
 }
 
 std::string join(std::span<const std::string> components) {
@@ -46,6 +45,7 @@ std::string join(std::span<const std::string> components) {
 // The target of a link relative to the base: where the link stands below the base, and its text.
 std::string targetBelowBase(const std::string& path, size_t baseLength, std::string_view text) {
   std::string target = path.substr(baseLength);
+  if (target.ends_with('/')) target.pop_back();  // the location may be marked as a directory
   const size_t slash = target.rfind('/');
   target.resize(slash == std::string::npos ? 0 : slash + 1);
   return target += text;

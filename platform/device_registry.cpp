@@ -18,17 +18,20 @@ namespace {
 
 constexpr const char* kBlockDevices = "/sys/block";
 
-// Names in a directory that begin with `prefix`, sorted; nothing when it can't be read.
-std::vector<std::string> namesIn(const std::string& directory, std::string_view prefix) {
-  std::vector<std::string> names;
+// Puts the names in a directory that begin with `prefix` into `names`, in the order of the numbers
+// that follow it. 0 or an errno.
+int listNames(const std::string& directory, std::string_view prefix,
+              std::vector<std::string>& names) {
   DIR* stream = opendir(directory.c_str());
-  if (!stream) return names;
+  if (!stream) return errno;
   while (const dirent* entry = readdir(stream)) {
     if (std::string_view(entry->d_name).starts_with(prefix)) names.emplace_back(entry->d_name);
   }
   closedir(stream);
-  std::sort(names.begin(), names.end());
-  return names;
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
+  });
+  return 0;
 }
 
 bool exists(const std::string& path) {
@@ -45,8 +48,10 @@ struct Entry {
 class LoopDeviceRegistry : public DeviceRegistry {
  public:
   DevObject findFirstService(std::string_view className) override {
+    if (className != kDiskImageController) return 0;
     // The driver is there when it has devices, attached or not.
-    if (className != kDiskImageController || namesIn(kBlockDevices, "loop").empty()) return 0;
+    std::vector<std::string> devices;
+    if (listNames(kBlockDevices, "loop", devices) != 0 || devices.empty()) return 0;
     return add({{kDiskImageController, ""}, {}, 0});
   }
 
@@ -54,7 +59,7 @@ class LoopDeviceRegistry : public DeviceRegistry {
     const std::shared_ptr<Object> object = find(entry);
     if (!object) return ENOENT;
     Object walked;
-    collect(object->entry, walk, walked.walk);
+    if (const int number = collect(object->entry, walk, walked.walk)) return number;
     iterator = add(std::move(walked));
     return 0;
   }
@@ -88,21 +93,26 @@ class LoopDeviceRegistry : public DeviceRegistry {
     size_t next = 0;
   };
 
-  static void collect(const Entry& entry, DevWalk walk, std::vector<Entry>& out) {
+  // 0 or an errno.
+  static int collect(const Entry& entry, DevWalk walk, std::vector<Entry>& out) {
+    std::vector<std::string> names;
     if (entry.className == kDiskImageController) {
-      for (const std::string& name : namesIn(kBlockDevices, "loop")) {
+      if (const int number = listNames(kBlockDevices, "loop", names)) return number;
+      for (const std::string& name : names) {
         if (!exists(std::string(kBlockDevices) + "/" + name + "/loop/backing_file")) continue;
-        out.push_back({kDiskImageDrive, name});
-        if (walk == DevWalk::kDescendants) collect(out.back(), walk, out);
+        const Entry drive{kDiskImageDrive, name};
+        out.push_back(drive);
+        if (walk != DevWalk::kDescendants) continue;
+        if (const int number = collect(drive, walk, out)) return number;
       }
     } else if (entry.className == kDiskImageDrive) {
-      const std::string drive = entry.deviceNode;  // a copy: `entry` may stand in `out`
+      const std::string& drive = entry.deviceNode;
       out.push_back({kStorageMedia, drive});
-      for (const std::string& name :
-           namesIn(std::string(kBlockDevices) + "/" + drive, drive + "p")) {
-        out.push_back({kStorageMedia, name});
-      }
+      const std::string partitions = std::string(kBlockDevices) + "/" + drive;
+      if (const int number = listNames(partitions, drive + "p", names)) return number;
+      for (const std::string& name : names) out.push_back({kStorageMedia, name});
     }
+    return 0;
   }
 
   DevObject add(Object object) {

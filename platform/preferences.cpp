@@ -1,5 +1,7 @@
 #include "platform/preferences.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <vector>
@@ -7,6 +9,7 @@
 #include "foundation/property_list.h"
 #include "platform/make_path.h"
 #include "platform/replaceable.h"
+#include "platform/unique_descriptor.h"
 
 namespace pallion {
 
@@ -22,12 +25,16 @@ class SystemPreferences : public FilePreferences {
 
 using Seam = Replaceable<Preferences, SystemPreferences>;
 
-std::string hostIdentifier() {
+// Nothing when it can't be told just now: under another name there would be another store.
+std::optional<std::string> hostIdentifier() {
   constexpr uint64_t kMaximumSize = 256;
+  int number = 0;
   if (auto text =
-          readFile(URL::fileURL("/etc/machine-id"), nullptr, FileCache::kUse, kMaximumSize)) {
+          readFile(URL::fileURL("/etc/machine-id"), &number, FileCache::kUse, kMaximumSize)) {
     text->erase(text->find_last_not_of(" \n") + 1);
     if (isPlainName(*text)) return *text;
+  } else if (isReadFailure(number)) {
+    return std::nullopt;
   }
   utsname names{};
   if (uname(&names) == 0 && isPlainName(names.nodename)) return names.nodename;
@@ -57,8 +64,10 @@ Preferences* Preferences::replace(Preferences* replacement) { return Seam::repla
 
 std::optional<URL> FilePreferences::domainFile(std::string_view domain) const {
   if (!isPlainName(domain)) return std::nullopt;
+  const std::optional<std::string> host = hostIdentifier();
+  if (!host) return std::nullopt;
   const std::string name =
-      std::string(domain) + "." + std::to_string(geteuid()) + "." + hostIdentifier() + ".plist";
+      std::string(domain) + "." + std::to_string(geteuid()) + "." + *host + ".plist";
   return directory_.appending("ByHost", URL::Kind::kDirectory).appending(name, URL::Kind::kFile);
 }
 
@@ -83,16 +92,21 @@ bool FilePreferences::synchronize(std::string_view domain) {
   if (pending == pending_.end()) return true;
   const std::optional<URL> file = domainFile(domain);
   if (!file) return false;
+  const URL directory = file->deletingLastPathComponent();
+  MakePath::current().make(directory.fileSystemRepresentation(), 0755);
+  const UniqueDescriptor store(
+      open(directory.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // From reading to writing nobody else may write, or what they stored would be lost.
+  if (!store || flock(store.get(), LOCK_EX) != 0) return false;
   int number = 0;
   std::optional<Dictionary> content = readDictionaryFile(*file, &number);
   // What can't be read just now must not be replaced by less.
   if (!content && isReadFailure(number)) return false;
   if (!content) content.emplace();
   apply(pending->second, *content);
-  const URL directory = file->deletingLastPathComponent();
-  MakePath::current().make(directory.fileSystemRepresentation(), 0755);
   if (writePropertyListFile(Value::dictionary(std::move(*content)), *file,
-                            PropertyListFormat::kBinary, Durability::kSynced) != 0) {
+                            PropertyListFormat::kBinary, Durability::kSynced) != 0 ||
+      fsync(store.get()) != 0) {
     return false;
   }
   pending_.erase(pending);

@@ -67,10 +67,10 @@ bool _ReadFile(const char* path, const Chunk& chunk) {
     LogWrite(kLogError, kFunction, "failed to stat %s : %s", path, kept.text());
     return false;
   }
-  if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {  // a directory fails to be read
-    errno = EINVAL;
+  if (!S_ISREG(status.st_mode)) {  // its size says nothing, so it might pass for an empty file
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     const KeptErrno kept;
-    LogWrite(kLogError, kFunction, "failed to open %s : %s", path, kept.text());
+    LogWrite(kLogError, kFunction, "read failed for %s : %s", path, kept.text());
     return false;
   }
   const off_t bufferSize = std::min(status.st_size, kChunkSize);

@@ -2,13 +2,13 @@
 #include <unistd.h>
 
 #include "platform/registry.h"
+#include "programs/common/console.h"
+#include "programs/common/root_directory.h"
+#include "programs/common/text_table.h"
 #include "programs/migration_host/commands.h"
-#include "programs/migration_host/console.h"
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/host_logs.h"
 #include "programs/migration_host/json_output.h"
-#include "programs/migration_host/root_directory.h"
-#include "programs/migration_host/text_table.h"
 
 namespace pallion::host {
 

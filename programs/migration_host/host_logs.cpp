@@ -4,7 +4,7 @@
 #include <fcntl.h>
 
 #include "platform/log_file.h"
-#include "programs/migration_host/console.h"
+#include "programs/common/console.h"
 
 namespace pallion::host {
 

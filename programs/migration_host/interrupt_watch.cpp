@@ -1,12 +1,12 @@
 #include "programs/migration_host/interrupt_watch.h"
 
-#include <pthread.h>
 #include <cstring>
+#include <pthread.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
 
-#include "programs/migration_host/console.h"
+#include "programs/common/console.h"
 
 namespace pallion::host {
 

@@ -1,24 +1,14 @@
+#include <algorithm>
 #include <csignal>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include "programs/common/console.h"
+#include "programs/common/standard_descriptors.h"
 #include "programs/migration_host/commands.h"
-#include "programs/migration_host/console.h"
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/json_output.h"
 
 namespace {
-
-// A file that is opened must not become standard output or standard error because the caller closed
-// those.
-void openStandardDescriptors() {
-  int descriptor = 0;
-  do {
-    descriptor = open("/dev/null", O_RDWR);
-  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  if (descriptor >= 0) close(descriptor);
-}
 
 // Who asked for JSON lines gets the summary also when the rest of the command line can't be
 // understood.
@@ -33,6 +23,7 @@ bool asksForSummary(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  using namespace pallion;
   using namespace pallion::host;
   openStandardDescriptors();
   // Whoever reads our output may go away; that must not end a run.

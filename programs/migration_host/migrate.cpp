@@ -2,14 +2,14 @@
 #include <optional>
 
 #include "platform/registry.h"
+#include "programs/common/console.h"
+#include "programs/common/root_directory.h"
 #include "programs/migration_host/commands.h"
-#include "programs/migration_host/console.h"
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/host_logs.h"
 #include "programs/migration_host/interrupt_watch.h"
 #include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
-#include "programs/migration_host/root_directory.h"
 #include "programs/migration_host/run_report.h"
 
 namespace pallion::host {

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "programs/migration_host/console.h"
+#include "programs/common/console.h"
 #include "programs/migration_host/exit_status.h"
 
 namespace pallion::host {

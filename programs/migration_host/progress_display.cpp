@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "platform/text_escape.h"
-#include "programs/migration_host/console.h"
-#include "programs/migration_host/text_table.h"
+#include "programs/common/console.h"
+#include "programs/common/text_table.h"
 
 namespace pallion::host {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "platform/text_escape.h"
-#include "programs/migration_host/text_table.h"
+#include "programs/common/text_table.h"
 
 namespace pallion::host {
 

@@ -3,7 +3,7 @@
 #include <thread>
 #include <utility>
 
-#include "programs/migration_host/console.h"
+#include "programs/common/console.h"
 #include "programs/migration_host/json_output.h"
 
 namespace pallion::host {

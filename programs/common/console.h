@@ -3,15 +3,15 @@
 #include <string>
 #include <string_view>
 
-// The host's words on standard output and standard error. Any thread may call.
+// A program's words on standard output and standard error. Any thread may call.
 
-namespace pallion::host {
+namespace pallion {
 
-// Writes to standard output. What can't be written is lost; the first time, a line on standard
-// error says so.
-void print(std::string_view text);
+// Writes to standard output. False for what can't be written and is lost; the first time, a line on
+// standard error says so.
+bool print(std::string_view text);
 
-// One line "migration-host: <text>" on standard error. Control bytes and what is not UTF-8 are
+// One line "<program>: <text>" on standard error. Control bytes and what is not UTF-8 are
 // replaced.
 void complain(std::string_view text);
 // The same with ": " and the text of `errorNumber`.
@@ -24,4 +24,4 @@ void showStatus(const std::string& text);
 // terminal may be stopped. For the end by a signal.
 void closeStatus();
 
-}  // namespace pallion::host
+}  // namespace pallion

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace pallion::host {
+namespace pallion {
 
 // Rows of cells in aligned columns, two blanks apart; the last cell of a row is not padded. Cells
 // may hold any bytes: they are made fit for a terminal.
@@ -23,4 +23,4 @@ class TextTable {
 // Characters in a UTF-8 text.
 size_t characterCount(std::string_view text);
 
-}  // namespace pallion::host
+}  // namespace pallion

@@ -1,4 +1,4 @@
-#include "programs/migration_host/console.h"
+#include "programs/common/console.h"
 
 #include <atomic>
 #include <cerrno>
@@ -10,7 +10,7 @@
 
 #include "platform/text_escape.h"
 
-namespace pallion::host {
+namespace pallion {
 
 namespace {
 
@@ -34,16 +34,17 @@ int writeFully(int descriptor, std::string_view text) {
 
 }  // namespace
 
-void print(std::string_view text) {
+bool print(std::string_view text) {
   static std::atomic<bool> failed{false};
   const int error = writeFully(STDOUT_FILENO, text);
   if (error != 0 && !failed.exchange(true)) complain("standard output", error);
+  return error == 0;
 }
 
 void complain(std::string_view text) {
   std::string line;
   if (statusShown.exchange(false)) line += kClearRow;
-  line += "migration-host: " + terminalText(text) + "\n";
+  line += PALLION_PROGRAM ": " + terminalText(text) + "\n";
   writeFully(STDERR_FILENO, line);
 }
 
@@ -69,4 +70,4 @@ void closeStatus() {
   if (statusShown.exchange(false)) writeFully(STDERR_FILENO, kClearRow);
 }
 
-}  // namespace pallion::host
+}  // namespace pallion

@@ -1,4 +1,4 @@
-#include "programs/migration_host/root_directory.h"
+#include "programs/common/root_directory.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace pallion::host {
+namespace pallion {
 
 namespace {
 
@@ -66,4 +66,4 @@ int RootDirectory::enter() {
   return errorOf(chdir("/"));
 }
 
-}  // namespace pallion::host
+}  // namespace pallion

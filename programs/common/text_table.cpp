@@ -1,11 +1,11 @@
-#include "programs/migration_host/text_table.h"
+#include "programs/common/text_table.h"
 
 #include <algorithm>
 #include <utility>
 
 #include "platform/text_escape.h"
 
-namespace pallion::host {
+namespace pallion {
 
 size_t characterCount(std::string_view text) {
   // Every byte but the continuation bytes begins a character.
@@ -37,4 +37,4 @@ std::string TextTable::text() const {
   return out;
 }
 
-}  // namespace pallion::host
+}  // namespace pallion

@@ -2,9 +2,9 @@
 
 #include <string>
 
-namespace pallion::host {
+namespace pallion {
 
-// The directory that a run works on as "/".
+// The directory that a program works on as "/".
 class RootDirectory {
  public:
   RootDirectory() = default;
@@ -26,4 +26,4 @@ class RootDirectory {
   int descriptor_ = -1;
 };
 
-}  // namespace pallion::host
+}  // namespace pallion

@@ -1,0 +1,209 @@
+#include <cerrno>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "configuration/global_configuration.h"
+#include "file_operations/file_manager.h"
+#include "foundation/property_list.h"
+#include "platform/bundle.h"
+#include "tests/helpers/recorded_logs.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion::test {
+namespace {
+
+using Identifiers = std::set<std::string>;
+
+// A device's root with bundles, and its configuration.
+class BuiltInBundles : public testing::Test {
+ protected:
+  std::string writeInfo(const std::string& bundle, const Dictionary& info) const {
+    root_.makeDirectory(bundle);
+    EXPECT_EQ(writePropertyListFile(Value::dictionary(info),
+                                    URL::fileURL(root_ / (bundle + "/Info.plist")),
+                                    PropertyListFormat::kXML, Durability::kNotSynced),
+              0);
+    return root_ / bundle;
+  }
+  std::string makeBundle(const std::string& bundle, const std::string& identifier) const {
+    return writeInfo(bundle, {{"QXBundleIdentifier", Value::string(identifier)},
+                              {"QXBundleVersion", Value::string("1.2")},
+                              {"QXBundleExecutable", Value::string("run")}});
+  }
+
+  TemporaryRoot root_;
+  PLGlobalConfiguration configuration_{root_.url()};
+};
+
+Identifiers identifiersOf(const std::optional<Dictionary>& map) {
+  Identifiers identifiers;
+  if (!map) return {"no map"};
+  for (const auto& [identifier, info] : *map) identifiers.insert(*identifier.asString());
+  return identifiers;
+}
+
+using MapGetter = std::optional<Dictionary> (PLGlobalConfiguration::*)();
+
+struct Inventory {
+  const char* directory;
+  MapGetter get;
+  void (PLGlobalConfiguration::*reScan)();
+};
+const Inventory kInventories[] = {
+    {"Applications", &PLGlobalConfiguration::systemAppBundleIDToInfoMap,
+     &PLGlobalConfiguration::reScanSystemApps},
+    {"System/Library/Baseweave", &PLGlobalConfiguration::baseweaveAppBundleIDToInfoMap,
+     &PLGlobalConfiguration::reScanBaseweaveApps},
+    {"OrlixInternal/Applications", &PLGlobalConfiguration::internalAppBundleIDToInfoMap,
+     &PLGlobalConfiguration::reScanInternalApps},
+};
+
+TEST_F(BuiltInBundles, AreListedWithIdentifierVersionAndLocation) {
+  const std::string path = makeBundle("Applications/A.app", "a");
+  writeInfo("Applications/B.app", {{"QXBundleIdentifier", Value::string("b")}});
+  const Dictionary expected{
+      {"a", Value::dictionary({{"QXBundleIdentifier", Value::string("a")},
+                               {"QXBundleVersion", Value::string("1.2")},
+                               {"com.orlix.Pallion.bundleURL", Value::string(path + "/")}})},
+      {"b", Value::dictionary(
+                {{"QXBundleIdentifier", Value::string("b")},
+                 {"com.orlix.Pallion.bundleURL", Value::string(root_ / "Applications/B.app/")}})},
+  };
+  const std::optional<Dictionary> map = configuration_.systemAppBundleIDToInfoMap();
+  ASSERT_TRUE(map);
+  EXPECT_EQ(*map, expected) << description(*map);
+}
+
+TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
+  makeBundle("Applications/Good.app", "good");
+  makeBundle("Applications/Capital.App", "capital");
+  makeBundle("Applications/Other.framework", "framework");
+  makeBundle("Applications/app", "named app");
+  makeBundle("Applications/.app", "only an extension");
+  root_.makeLink("Applications/Link.app", makeBundle("elsewhere/Linked.app", "linked"));
+  root_.makeDirectory("Applications/Missing.app");
+  root_.makeFile("Applications/Damaged.app/Info.plist", "damaged");
+  writeInfo("Applications/Number.app", {{"QXBundleIdentifier", Value::integer(1)}});
+  writeInfo("Applications/Nothing.app", {{"QXBundleVersion", Value::string("1")}});
+  root_.makeFile("Applications/File.app");
+  RecordedProductLog log(kLogDebug);
+  EXPECT_EQ(identifiersOf(configuration_.systemAppBundleIDToInfoMap()), Identifiers{"good"});
+
+  Identifiers skipped;
+  const std::string prefix =
+      "7 -[PLGlobalConfiguration _bundleIDMapForBundlesInDirectory:withExtension:]: Failed to ";
+  for (const std::string& line : log.lines) {
+    if (line.starts_with(prefix)) skipped.insert(line.substr(prefix.size()));
+  }
+  const auto at = [&](const char* name, URL::Kind kind) {
+    return URL::fileURL(root_ / "Applications" + "/" + name, kind).absoluteString();
+  };
+  const auto kDirectory = URL::Kind::kDirectory;
+  EXPECT_EQ(skipped,
+            (Identifiers{"load Info.plist from bundle " + at("Missing.app", kDirectory),
+                         "load Info.plist from bundle " + at("Damaged.app", kDirectory),
+                         "load Info.plist from bundle " + at("File.app", URL::Kind::kFile),
+                         "get QXBundleIdentifier from bundle " + at("Number.app", kDirectory),
+                         "get QXBundleIdentifier from bundle " + at("Nothing.app", kDirectory)}));
+}
+
+TEST_F(BuiltInBundles, WithOneIdentifierCountAsTheOneListedLast) {
+  for (const char* name : {"1", "2", "3", "4", "5", "6"}) {
+    makeBundle("Applications/" + std::string(name) + ".app", "same");
+  }
+  const auto listed = PLFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+      configuration_.systemAppsDirectory(), true, nullptr);
+  ASSERT_TRUE(listed && listed->size() == 6);
+  const std::optional<Dictionary> map = configuration_.systemAppBundleIDToInfoMap();
+  ASSERT_TRUE(map && map->size() == 1);
+  EXPECT_EQ(*map->get("same").asDictionary()->getString(PLGlobalConfiguration::kBundleURLKey),
+            listed->back().path());
+}
+
+TEST_F(BuiltInBundles, AreScannedUntilThereIsAListAndThenOnlyOnDemand) {
+  for (const Inventory& inventory : kInventories) {
+    SCOPED_TRACE(inventory.directory);
+    const std::string directory = inventory.directory;
+    const auto scanned = [&] { return identifiersOf((configuration_.*inventory.get)()); };
+    {
+      RecordedProductLog log(kLogDebug);
+      EXPECT_EQ(scanned(), Identifiers{"no map"});
+      EXPECT_TRUE(log.lines.empty());
+    }
+    root_.makeFile(directory);
+    for (int call = 0; call < 2; ++call) {
+      RecordedProductLog log;
+      EXPECT_EQ(scanned(), Identifiers{"no map"});
+      ASSERT_EQ(log.lines.size(), 1U);
+      const std::string line =
+          "3 -[PLGlobalConfiguration _bundleIDMapForBundlesInDirectory:withExtension:]: "
+          "Failed to search for apps in " +
+          URL::fileURL(root_ / directory, URL::Kind::kDirectory).absoluteString() + " : ";
+      EXPECT_TRUE(log.lines[0].starts_with(line)) << log.lines[0];
+      EXPECT_NE(log.lines[0].find("Not a directory"), std::string::npos) << log.lines[0];
+    }
+    ASSERT_EQ(unlink((root_ / directory).c_str()), 0);
+    root_.makeDirectory(directory);
+    EXPECT_EQ(scanned(), Identifiers{}) << "an empty list is one";
+    makeBundle(directory + "/A.app", "a");
+    EXPECT_EQ(scanned(), Identifiers{});
+    (configuration_.*inventory.reScan)();
+    EXPECT_EQ(scanned(), Identifiers{"a"});
+    std::filesystem::remove_all(root_ / directory);
+    EXPECT_EQ(scanned(), Identifiers{"a"});
+    (configuration_.*inventory.reScan)();
+    EXPECT_EQ(scanned(), Identifiers{"no map"});
+  }
+}
+
+TEST_F(BuiltInBundles, AreReScannedApartButForTheFrameworks) {
+  for (const Inventory& asked : kInventories) {
+    SCOPED_TRACE(asked.directory);
+    // Everything is known, and then one more of everything stands there.
+    PLGlobalConfiguration c(root_.url());
+    const std::string more = std::string("more") + asked.directory[0];
+    root_.makeDirectory("System/Library/Frameworks");
+    for (const Inventory& other : kInventories) {
+      root_.makeDirectory(other.directory);
+      (c.*other.get)();
+    }
+    c.builtInFrameworkBundleIDs();
+    for (const Inventory& other : kInventories) {
+      makeBundle(std::string(other.directory) + "/" + more + ".app", more);
+    }
+    makeBundle("System/Library/Frameworks/" + more + ".framework", more);
+    (c.*asked.reScan)();
+    for (const Inventory& other : kInventories) {
+      EXPECT_EQ(identifiersOf((c.*other.get)()).contains(more), &other == &asked)
+          << other.directory;
+    }
+    const bool isBaseweave = asked.reScan == &PLGlobalConfiguration::reScanBaseweaveApps;
+    EXPECT_EQ(c.builtInFrameworkBundleIDs().contains(more), !isBaseweave);
+  }
+}
+
+TEST_F(BuiltInBundles, AreGatheredByKind) {
+  makeBundle("Applications/S.app", "system");
+  makeBundle("OrlixInternal/Applications/I.app", "internal");
+  makeBundle("System/Library/Baseweave/B.app", "baseweave");
+  makeBundle("Developer/Applications/D.app", "developer");
+  makeBundle("System/Library/Frameworks/F.framework", "frameworks");
+  makeBundle("System/Library/PrivateFrameworks/F.framework", "private");
+  makeBundle("OrlixInternal/PrivateFrameworks/F.framework", "internal private");
+  makeBundle("Developer/Frameworks/F.framework", "developer framework");
+  makeBundle("System/Library/Frameworks/A.app", "application among frameworks");
+  // Developer applications are asked for on every call.
+  for (const Identifiers& developer : {Identifiers{"developer"}, Identifiers{"new"}}) {
+    Identifiers expected{"system", "internal"};
+    expected.insert(developer.begin(), developer.end());
+    EXPECT_EQ(configuration_.builtInApplicationBundleIDs(), expected);
+    EXPECT_EQ(configuration_.builtInFrameworkBundleIDs(),
+              (Identifiers{"frameworks", "private", "internal private"}));
+    makeBundle("Developer/Applications/D.app", "new");
+    makeBundle("System/Library/Frameworks/New.framework", "new");
+  }
+}
+
+}  // namespace
+}  // namespace pallion::test

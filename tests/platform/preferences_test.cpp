@@ -1,0 +1,240 @@
+#include "platform/preferences.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "foundation/format.h"
+#include "foundation/property_list.h"
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/mounts.h"
+#include "tests/helpers/temporary_root.h"
+
+namespace pallion {
+namespace {
+
+using test::exists;
+using test::readAll;
+using test::TemporaryRoot;
+
+constexpr const char* kDomain = "com.orlix.test";
+
+// Names of the files in the directory of host-specific settings, joined by spaces.
+std::string hostFiles(const TemporaryRoot& root) {
+  std::vector<std::string> names;
+  if (exists(root / "ByHost")) {
+    for (const auto& entry : std::filesystem::directory_iterator(root / "ByHost")) {
+      names.push_back(entry.path().filename());
+    }
+  }
+  std::sort(names.begin(), names.end());
+  std::string all;
+  for (const std::string& name : names) all += (all.empty() ? "" : " ") + name;
+  return all;
+}
+
+// The one file of kDomain, which has been written.
+std::string hostFile(const TemporaryRoot& root) { return root / ("ByHost/" + hostFiles(root)); }
+
+void become(uid_t user) { ASSERT_EQ(setresuid(user, user, user), 0); }
+
+TEST(Preferences, AreSeenAtOnceHereAndByOthersOnceSynchronised) {
+  const TemporaryRoot root;
+  FilePreferences here(root.url());
+  FilePreferences other(root.url());
+  EXPECT_FALSE(here.value("a", kDomain));
+  EXPECT_TRUE(here.synchronize(kDomain));
+  EXPECT_EQ(hostFiles(root), "") << "nothing was set";
+
+  here.setValue("a", Value::integer(1), kDomain);
+  here.setValue("b", Value::string("two"), kDomain);
+  EXPECT_EQ(here.value("a", kDomain), Value::integer(1));
+  EXPECT_FALSE(other.value("a", kDomain));
+  EXPECT_FALSE(here.value("a", "com.orlix.other"));
+  EXPECT_TRUE(here.synchronize(kDomain));
+  EXPECT_EQ(other.value("a", kDomain), Value::integer(1));
+  EXPECT_FALSE(other.value("a", "com.orlix.other"));
+
+  other.setValue("a", Value(), kDomain);
+  other.setValue("c", Value::boolean(false), kDomain);
+  EXPECT_FALSE(other.value("a", kDomain));
+  EXPECT_EQ(here.value("a", kDomain), Value::integer(1)) << "removed before it is stored";
+  EXPECT_TRUE(other.synchronize(kDomain));
+  EXPECT_FALSE(here.value("a", kDomain));
+  EXPECT_EQ(here.value("b", kDomain), Value::string("two")) << "lost by storing other keys";
+  EXPECT_EQ(here.value("c", kDomain), Value::boolean(false));
+}
+
+// Runs this very test once more as a new process, which tells what it finds.
+TEST(Preferences, AreSeenByANewProcess) {
+  if (const char* store = std::getenv("PALLION_TEST_STORE")) {
+    FilePreferences preferences(URL::fileURL(store));
+    std::cout << "found " << description(preferences.value("key", kDomain)) << " there\n";
+    return;
+  }
+  const TemporaryRoot root;
+  FilePreferences preferences(root.url());
+  const auto found = [&] {
+    return test::runProcess(
+               {.arguments = {"/proc/self/exe", "--gtest_filter=Preferences.AreSeenByANewProcess"},
+                .environment = {"PALLION_TEST_STORE=" + root.path() + "/"}})
+        .out;
+  };
+  preferences.setValue("key", Value::string("a value"), kDomain);
+  EXPECT_NE(found().find("found (null) there"), std::string::npos);
+  ASSERT_TRUE(preferences.synchronize(kDomain));
+  EXPECT_NE(found().find("found a value there"), std::string::npos);
+}
+
+TEST(Preferences, OfProcessesThatStoreAtTheSameTimeAreAllKept) {
+  constexpr int kProcesses = 4;
+  constexpr int kKeys = 25;
+  const TemporaryRoot root;
+  for (int process = 0; process < kProcesses; ++process) {
+    if (fork() != 0) continue;
+    FilePreferences preferences(root.url());
+    bool stored = true;
+    for (int key = 0; key < kKeys; ++key) {
+      preferences.setValue(std::to_string(process * kKeys + key), Value::integer(key), kDomain);
+      stored = preferences.synchronize(kDomain) && stored;
+    }
+    _exit(stored ? 0 : 1);
+  }
+  for (int process = 0; process < kProcesses; ++process) {
+    int status = 0;
+    ASSERT_GT(wait(&status), 0);
+    EXPECT_EQ(status, 0);
+  }
+  FilePreferences preferences(root.url());
+  int missing = 0;
+  for (int key = 0; key < kProcesses * kKeys; ++key) {
+    if (!preferences.value(std::to_string(key), kDomain)) ++missing;
+  }
+  EXPECT_EQ(missing, 0);
+}
+
+TEST(Preferences, ThatCannotBeStoredAreKeptForTheNextTime) {
+  const TemporaryRoot root;
+  root.makeFile("ByHost", "in the way");
+  FilePreferences preferences(root.url());
+  preferences.setValue("a", Value::integer(1), kDomain);
+  EXPECT_FALSE(preferences.synchronize(kDomain));
+  EXPECT_EQ(preferences.value("a", kDomain), Value::integer(1));
+  ASSERT_EQ(unlink((root / "ByHost").c_str()), 0);
+  EXPECT_TRUE(preferences.synchronize(kDomain));
+  EXPECT_EQ(FilePreferences(root.url()).value("a", kDomain), Value::integer(1));
+
+  for (const char* domain : {"", "..", "../outside", "a/b"}) {
+    preferences.setValue("a", Value::integer(1), domain);
+    EXPECT_FALSE(preferences.synchronize(domain)) << domain;
+    EXPECT_FALSE(FilePreferences(root.url()).value("a", domain)) << domain;
+    EXPECT_FALSE(preferences.suiteString(domain, "a")) << domain;
+  }
+}
+
+TEST(Preferences, OfADamagedStoreAreAbsentUntilOneIsSet) {
+  const std::optional<std::string> list =
+      writePropertyList(Value::array({}), PropertyListFormat::kXML);
+  for (const std::string& content : {std::string(), std::string("bplist00 and more"), *list}) {
+    const TemporaryRoot root;
+    FilePreferences preferences(root.url());
+    preferences.setValue("a", Value::integer(1), kDomain);
+    ASSERT_TRUE(preferences.synchronize(kDomain));
+    root.makeFile("ByHost/" + hostFiles(root), content);
+    EXPECT_FALSE(preferences.value("a", kDomain));
+    EXPECT_EQ(readAll(hostFile(root)), content);
+    preferences.setValue("b", Value::integer(2), kDomain);
+    EXPECT_TRUE(preferences.synchronize(kDomain));
+    EXPECT_EQ(FilePreferences(root.url()).value("b", kDomain), Value::integer(2)) << content;
+  }
+}
+
+TEST(Preferences, ThatCannotBeReadAreNotReplacedByLess) {
+  if (!test::isRoot() || !test::canMount()) GTEST_SKIP() << "needs CAP_SETUID and CAP_SYS_ADMIN";
+  const TemporaryRoot root;
+  ASSERT_EQ(chmod(root.path().c_str(), 0777), 0);
+  // A process of its own, since it can't become root again.
+  EXPECT_TRUE(test::runInMountNamespace([&] {
+    become(1234);
+    FilePreferences preferences(root.url());
+    preferences.setValue("a", Value::integer(1), kDomain);
+    ASSERT_TRUE(preferences.synchronize(kDomain));
+    const std::string stored = readAll(hostFile(root));
+    // The directory still lets this user replace the file.
+    ASSERT_EQ(chmod(hostFile(root).c_str(), 0), 0);
+    EXPECT_FALSE(preferences.value("a", kDomain));
+    preferences.setValue("b", Value::integer(2), kDomain);
+    EXPECT_FALSE(preferences.synchronize(kDomain));
+    ASSERT_EQ(chmod(hostFile(root).c_str(), 0600), 0);
+    EXPECT_EQ(readAll(hostFile(root)), stored);
+    EXPECT_TRUE(preferences.synchronize(kDomain));
+    EXPECT_EQ(preferences.value("a", kDomain), Value::integer(1));
+    EXPECT_EQ(preferences.value("b", kDomain), Value::integer(2));
+  }));
+}
+
+TEST(Preferences, BelongToAUserAndAHost) {
+  if (!test::isRoot() || !test::canMount() || !exists("/etc/machine-id")) {
+    GTEST_SKIP() << "needs root, CAP_SYS_ADMIN and a machine identifier to put another in place of";
+  }
+  struct Case {
+    const char* machine;  // content of the identifier's file; null: it can't be read
+    const char* host;     // null: nothing can be stored
+    uid_t user = 0;
+  };
+  const Case cases[] = {
+      {"0123abcd\n", "0123abcd"}, {"0123abcd", "0123abcd", 1234}, {"", "the-name"},
+      {"\n", "the-name"},         {"../../x\n", "the-name"},      {nullptr, nullptr, 1234},
+  };
+  for (const Case& c : cases) {
+    const TemporaryRoot root;
+    const std::string identifier =
+        root.makeFile("outside/machine-id", c.machine ? c.machine : "another");
+    const std::string store = root.makeDirectory("store");
+    for (const std::string& path : {root.path(), store}) ASSERT_EQ(chmod(path.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(identifier.c_str(), c.machine ? 0444 : 0), 0);
+    EXPECT_TRUE(test::runInMountNamespace([&] {
+      ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
+      ASSERT_EQ(sethostname("the-name", 8), 0);
+      ASSERT_EQ(mount(identifier.c_str(), "/etc/machine-id", nullptr, MS_BIND, nullptr), 0);
+      become(c.user);
+      FilePreferences preferences(URL::fileURL(store, URL::Kind::kDirectory));
+      preferences.setValue("a", Value::integer(1), "d");
+      EXPECT_EQ(preferences.synchronize("d"), c.host != nullptr);
+    }));
+    std::string expected;
+    if (c.host) {
+      expected = store + "/ByHost/d." + std::to_string(c.user) + "." + c.host + ".plist";
+      EXPECT_TRUE(exists(expected)) << expected;
+    }
+    EXPECT_EQ(exists(store + "/ByHost"), c.host != nullptr);
+  }
+}
+
+TEST(Preferences, OfASuiteAreStringsOfAnyHost) {
+  const TemporaryRoot root;
+  FilePreferences preferences(root.url());
+  EXPECT_FALSE(preferences.suiteString("suite", "text"));
+  const URL file = URL::fileURL(root / "suite.plist");
+  const Dictionary content{{"text", Value::string("Model1,1")}, {"number", Value::integer(1)}};
+  for (const PropertyListFormat form : {PropertyListFormat::kXML, PropertyListFormat::kBinary}) {
+    ASSERT_EQ(writePropertyListFile(Value::dictionary(content), file, form, Durability::kNotSynced),
+              0);
+    EXPECT_EQ(preferences.suiteString("suite", "text"), "Model1,1");
+    EXPECT_FALSE(preferences.suiteString("suite", "number"));
+    EXPECT_FALSE(preferences.suiteString("suite", "absent"));
+  }
+  root.makeFile("suite.plist", "damaged");
+  EXPECT_FALSE(preferences.suiteString("suite", "text"));
+}
+
+}  // namespace
+}  // namespace pallion
