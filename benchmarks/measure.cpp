@@ -1,15 +1,15 @@
 // measure COMMAND [ARGUMENT...]: runs a command with its output thrown away and prints
-// "<wall seconds> <user seconds> <system seconds> <peak resident KiB>". Ends with the command's exit status.
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// "<wall seconds> <user seconds> <system seconds> <peak resident KiB>". Ends with the command's
+// exit status.
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
-  std::printf("%.6f %.6f %.6f %ld\n", wall.count(), seconds(usage.ru_utime), seconds(usage.ru_stime),
-              usage.ru_maxrss);
+  std::printf("%.6f %.6f %.6f %ld\n", wall.count(), seconds(usage.ru_utime),
+              seconds(usage.ru_stime), usage.ru_maxrss);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

@@ -31,12 +31,18 @@ std::string formatArguments(const char* text, std::span<const FormatArgument> ar
     const FormatArgument& argument = arguments[next++];
     switch (conversion) {
       case Conversion::kObject:
-      case Conversion::kText: argument.appendObject(out); break;
+      case Conversion::kText:
+        argument.appendObject(out);
+        break;
       case Conversion::kInt:
       case Conversion::kLong:
-      case Conversion::kLongLong: out += std::to_string(argument.asSigned()); break;
+      case Conversion::kLongLong:
+        out += std::to_string(argument.asSigned());
+        break;
       case Conversion::kUnsigned:
-      case Conversion::kUnsignedLong: out += std::to_string(argument.asUnsigned()); break;
+      case Conversion::kUnsignedLong:
+        out += std::to_string(argument.asUnsigned());
+        break;
       case Conversion::kHex8: {
         char digits[sizeof "FFFFFFFF"];
         std::snprintf(digits, sizeof digits, "%08X", static_cast<unsigned>(argument.asUnsigned()));
@@ -44,7 +50,8 @@ std::string formatArguments(const char* text, std::span<const FormatArgument> ar
         break;
       }
       case Conversion::kEnd:
-      case Conversion::kBad: break;
+      case Conversion::kBad:
+        break;
     }
   }
 }

@@ -319,7 +319,8 @@ void appendData(std::string& out, std::string_view bytes) {
 }  // namespace
 
 std::string_view nameOfClass(Value::Class k) {
-  constexpr std::string_view kNames[] = {"none", "string", "number", "boolean", "data", "date", "array", "dictionary", "set"};
+  constexpr std::string_view kNames[] = {"none", "string", "number",     "boolean", "data",
+                                         "date", "array",  "dictionary", "set"};
   return kNames[static_cast<size_t>(k)];
 }
 

@@ -21,7 +21,8 @@ inline constexpr std::string_view kQXApplicationGroups = "QXApplicationGroups";
 // Added to a whole info dictionary: the path of the file that it was read from.
 inline constexpr std::string_view kQXBundleInfoPlistURL = "QXBundleInfoPlistURL";
 
-// Larger information property lists are taken for damaged. (The largest in the field are some hundred KiB.)
+// Larger information property lists are taken for damaged. (The largest in the field are some
+// hundred KiB.)
 inline constexpr uint64_t kInfoPlistMaximumSize = uint64_t{16} << 20;
 
 // A bundle directory on disk. Belongs to its maker; not shared between threads.
@@ -29,15 +30,17 @@ class QXBundle {
  public:
   // How the information property list was found.
   enum class InfoState {
-    kRead,        // there is a dictionary
-    kAbsent,      // no such file, or it is damaged: no property list with a dictionary root, no regular file, too large
-    kUnreadable,  // it may be there, but could not be read: infoErrorNumber() tells why (EIO, EACCES, EMFILE, ENOMEM, ...)
+    kRead,    // there is a dictionary
+    kAbsent,  // no such file, or it is damaged: no property list with a dictionary root, no regular
+              // file, too large
+    kUnreadable,  // it may be there, but could not be read: infoErrorNumber() tells why (EIO,
+                  // EACCES, EMFILE, ENOMEM, ...)
   };
 
   virtual ~QXBundle() = default;
 
-  // A new object for a directory (a symbolic link is none), not shared with other users of the same bundle; null when there is
-  // no directory. The information property list is read on first need.
+  // A new object for a directory (a symbolic link is none), not shared with other users of the same
+  // bundle; null when there is no directory. The information property list is read on first need.
   static std::unique_ptr<QXBundle> bundleWithURL(const URL& url);
 
   [[nodiscard]] virtual const URL& bundleURL() const = 0;
@@ -45,12 +48,14 @@ class QXBundle {
   [[nodiscard]] virtual int infoErrorNumber() = 0;
   // The whole dictionary with kQXBundleInfoPlistURL added, or null.
   [[nodiscard]] virtual const Dictionary* infoDictionary() = 0;
-  // The entries of the file with these keys; of any class when the file's root is no dictionary; none when it can't be read.
+  // The entries of the file with these keys; of any class when the file's root is no dictionary;
+  // none when it can't be read.
   [[nodiscard]] virtual Value filteredInfoDictionary(const std::vector<std::string>& keys) = 0;
   // The string under kQXBundleIdentifier, or nothing.
   [[nodiscard]] std::optional<std::string> identifier();
 
-  // The seam: makes the bundle objects. `replace` with null goes back to the Linux implementation; answers the one before.
+  // The seam: makes the bundle objects. `replace` with null goes back to the Linux implementation;
+  // answers the one before.
   using Factory = std::unique_ptr<QXBundle> (*)(const URL& url);
   static Factory replace(Factory factory);
 };

@@ -1,14 +1,13 @@
 #pragma once
 
 #include <cstddef>
-
 #include <sys/types.h>
 
 namespace pallion {
 
-// Extended attributes under the names that the product gives them. On Linux they stand in the "user." namespace, and a
-// missing one is ENODATA (kNoAttribute). A symbolic link at `path` is itself the item (and can hold no such attribute: EPERM
-// when set, ENODATA when read).
+// Extended attributes under the names that the product gives them. On Linux they stand in the
+// "user." namespace, and a missing one is ENODATA (kNoAttribute). A symbolic link at `path` is
+// itself the item (and can hold no such attribute: EPERM when set, ENODATA when read).
 class ExtendedAttributes {
  public:
   ExtendedAttributes() = default;
@@ -16,8 +15,8 @@ class ExtendedAttributes {
   ExtendedAttributes& operator=(const ExtendedAttributes&) = delete;
   virtual ~ExtendedAttributes() = default;
 
-  // The size of the value, of which at most `size` bytes were stored; -1 with errno set on failure. A value larger than the buffer
-  // answers its true size and stores nothing.
+  // The size of the value, of which at most `size` bytes were stored; -1 with errno set on failure.
+  // A value larger than the buffer answers its true size and stores nothing.
   virtual ssize_t get(const char* path, const char* name, void* buffer, size_t size) = 0;
   // Replaces an existing value. 0, or -1 with errno set.
   virtual int set(const char* path, const char* name, const void* value, size_t size) = 0;

@@ -23,9 +23,9 @@ inline constexpr uint32_t kHomeScreenIconSize = 120;
 inline constexpr uint32_t kIconMaximumSide = 4096;
 inline constexpr uint64_t kIconMaximumFileSize = uint64_t{16} << 20;
 
-// Renders the home-screen icon of a bundle: the PNG directly inside it that kQXBundleIconFile names (with or without its
-// extension), scaled to kHomeScreenIconSize, alpha kept. Nothing when the name is missing or no plain name, or
-// the file is missing, oversized, damaged or no PNG.
+// Renders the home-screen icon of a bundle: the PNG directly inside it that kQXBundleIconFile names
+// (with or without its extension), scaled to kHomeScreenIconSize, alpha kept. Nothing when the name
+// is missing or no plain name, or the file is missing, oversized, damaged or no PNG.
 class IconRenderer {
  public:
   IconRenderer() = default;
@@ -46,15 +46,18 @@ std::optional<Image> CreateHomeScreenIconImageFromBundle(QXBundle& bundle);
 class ImageEncoder {
  public:
   virtual ~ImageEncoder() = default;
-  // Null for another type or count, or when a replacement refuses. `buffer` must outlive the encoder.
+  // Null for another type or count, or when a replacement refuses. `buffer` must outlive the
+  // encoder.
   static std::unique_ptr<ImageEncoder> createWithData(std::string& buffer, const std::string& type,
                                                       size_t count);
   virtual void addImage(const Image& image) = 0;
   // Writes the buffer. False when no image was added or it could not be encoded.
   virtual bool finalize() = 0;
 
-  // The seam: makes the encoders. `replace` with null goes back to the one over libpng; answers the one before.
-  using Factory = std::unique_ptr<ImageEncoder> (*)(std::string& buffer, const std::string& type, size_t count);
+  // The seam: makes the encoders. `replace` with null goes back to the one over libpng; answers the
+  // one before.
+  using Factory = std::unique_ptr<ImageEncoder> (*)(std::string& buffer, const std::string& type,
+                                                    size_t count);
   static Factory replace(Factory factory);
 };
 

@@ -30,8 +30,8 @@ class MigrationLogSink {
   [[nodiscard]] virtual int level() const { return 7; }
   virtual void write(const MigrationLogRecord& record) = 0;
 
-  // The process's sink, never null: at first one that writes to stderr. `replace` with null goes back to it and answers
-  // the sink before; a replacement must outlive its use.
+  // The process's sink, never null: at first one that writes to stderr. `replace` with null goes
+  // back to it and answers the sink before; a replacement must outlive its use.
   static MigrationLogSink& current();
   static MigrationLogSink* replace(MigrationLogSink* sink);
 };
@@ -39,8 +39,10 @@ class MigrationLogSink {
 // A checked message text together with the place in the source that holds it.
 template <class... Args>
 struct MigrationLogText {
-  // NOLINTNEXTLINE(google-explicit-constructor): a literal is meant to turn into a checked text by itself.
-  consteval MigrationLogText(const char* text, std::source_location at = std::source_location::current())
+  // NOLINTNEXTLINE(google-explicit-constructor): a literal is meant to turn into a checked text by
+  // itself.
+  consteval MigrationLogText(const char* text,
+                             std::source_location at = std::source_location::current())
       : format(text), where(at) {}
   FormatString<Args...> format;
   std::source_location where;
@@ -53,8 +55,8 @@ void MigrationLog(const char* function, const char* category, int level,
   MigrationLogSink& sink = MigrationLogSink::current();
   if (level > sink.level()) return;
   const std::string message = format(text.format, args...);
-  sink.write({text.where.file_name(), function, static_cast<int>(text.where.line()), category, level,
-              message});
+  sink.write({text.where.file_name(), function, static_cast<int>(text.where.line()), category,
+              level, message});
 }
 
 }  // namespace pallion

@@ -4,7 +4,8 @@
 #include <string>
 #include <string_view>
 
-// What a plug-in of the host's data-migration framework derives from, and how the host finds it in a module.
+// What a plug-in of the host's data-migration framework derives from, and how the host finds it in
+// a module.
 
 namespace pallion {
 
@@ -19,9 +20,10 @@ class MigrationObserver {
   virtual void itemFinished(bool result) = 0;
 };
 
-// The host creates one, calls `init`, and throws it away when that answers false (the plug-in yields no migrator). It then
-// asks `dataClassName` and `estimatedDuration` and calls `performMigration` once. `migrationProgress` and
-// `estimatedDuration` may be asked from another thread meanwhile; everything else belongs to one thread.
+// The host creates one, calls `init`, and throws it away when that answers false (the plug-in
+// yields no migrator). It then asks `dataClassName` and `estimatedDuration` and calls
+// `performMigration` once. `migrationProgress` and `estimatedDuration` may be asked from another
+// thread meanwhile; everything else belongs to one thread.
 class MigrationPluginBase {
  public:
   MigrationPluginBase() = default;

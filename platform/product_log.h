@@ -27,12 +27,12 @@ class LogHandle {
   int level_;
 };
 
-// The process's handle, or null: then lines of the levels 3 and 5 go to stderr. Set before other threads
-// log; the handle must outlive its use. This is the seam at which tests listen.
+// The process's handle, or null: then lines of the levels 3 and 5 go to stderr. Set before other
+// threads log; the handle must outlive its use. This is the seam at which tests listen.
 extern LogHandle* gLogHandle;
 
-// Levels 3 and 5 are written when there is no handle or its level is at least theirs, level 7 only for a handle whose level is
-// at least 7.
+// Levels 3 and 5 are written when there is no handle or its level is at least theirs, level 7 only
+// for a handle whose level is at least 7.
 inline bool logWrites(int level) {
   if (!gLogHandle) return level < kLogDebug;
   return gLogHandle->level() >= level;
@@ -41,8 +41,8 @@ inline bool logWrites(int level) {
 // Hands a finished message to the handle, or to stderr.
 void logMessage(int level, std::string_view function, std::string_view message);
 
-// Formats and writes a line; formats nothing when the level filters it out. `function` is the operation's full name, such
-// as "-[PLFileManager removeItemAtURL:error:]".
+// Formats and writes a line; formats nothing when the level filters it out. `function` is the
+// operation's full name, such as "-[PLFileManager removeItemAtURL:error:]".
 template <class... Args>
 void LogWrite(int level, const char* function, FormatString<std::type_identity_t<Args>...> text,
               const Args&... args) {

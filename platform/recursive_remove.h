@@ -39,19 +39,22 @@ class RecursiveRemove {
   RecursiveRemove& operator=(const RecursiveRemove&) = delete;
   virtual ~RecursiveRemove() = default;
 
-  // Removes the item at `path` and, when it is a directory, everything in it, depth first. A symbolic link is removed
-  // itself, and nothing outside the tree is ever touched, whatever another process does to the tree meanwhile: every
-  // step is made relative to a directory descriptor and follows no link. Directories on another volume that are mounted
-  // inside the tree are not entered (EBUSY). Every failing item is reported to the state's callback; where that answers to
-  // go on (or there is none), the walk continues with the others. A directory that kept items is not reported again for
-  // being not empty. Any depth, any path length, a fixed number of descriptors.
-  // 0 on success; -1 with errno set when `path` itself could not be looked at or removed. Items that failed
-  // deeper down and were reported make the result -1 as well, with the first one's errno.
+  // Removes the item at `path` and, when it is a directory, everything in it, depth first. A
+  // symbolic link is removed itself, and nothing outside the tree is ever touched, whatever another
+  // process does to the tree meanwhile: every step is made relative to a directory descriptor and
+  // follows no link. Directories on another volume that are mounted inside the tree are not entered
+  // (EBUSY). Every failing item is reported to the state's callback; where that answers to go on
+  // (or there is none), the walk continues with the others. A directory that kept items is not
+  // reported again for being not empty. Any depth, any path length, a fixed number of descriptors.
+  // 0 on success; -1 with errno set when `path` itself could not be looked at or removed. Items
+  // that failed deeper down and were reported make the result -1 as well, with the first one's
+  // errno.
   virtual int remove(const char* path, RemovalState& state) = 0;
   // A state for one call of `remove`, to be deleted by the caller.
   virtual RemovalState* allocateState() { return new RemovalState; }
 
-  // The seam: the implementation in use. `replace` with null goes back to the Linux one; answers the one before.
+  // The seam: the implementation in use. `replace` with null goes back to the Linux one; answers
+  // the one before.
   static RecursiveRemove& current();
   static RecursiveRemove* replace(RecursiveRemove* replacement);
   // The Linux implementation, for replacements that forward to it.

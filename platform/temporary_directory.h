@@ -4,7 +4,8 @@
 
 namespace pallion {
 
-// The process's temporary directory: `TMPDIR` when that is an absolute path, else /tmp. Not made or looked at.
+// The process's temporary directory: `TMPDIR` when that is an absolute path, else /tmp. Not made or
+// looked at.
 URL temporaryDirectory();
 
 }  // namespace pallion

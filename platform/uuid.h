@@ -5,7 +5,8 @@
 
 namespace pallion {
 
-// A new random identifier (RFC 4122, version 4) in capitals, "XXXXXXXX-XXXX-4XXX-YXXX-XXXXXXXXXXXX".
+// A new random identifier (RFC 4122, version 4) in capitals,
+// "XXXXXXXX-XXXX-4XXX-YXXX-XXXXXXXXXXXX".
 std::string makeUUID();
 bool isUUID(std::string_view text);
 

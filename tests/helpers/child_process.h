@@ -23,7 +23,7 @@ class ChildProcess {
     Output output = Output::kCaptured;     // what standard output is
     unsigned short terminalColumns = 0;  // other than 0: standard error is a terminal of that width
     std::optional<uid_t> user{};         // runs as that user and group, without privileges
-    int ignoredSignal = 0;  // 0 for none
+    int ignoredSignal = 0;               // 0 for none
   };
 
   explicit ChildProcess(const Setup& setup);

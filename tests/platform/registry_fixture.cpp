@@ -28,8 +28,7 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 void makeBundle(const std::string& path, const BundleContent& content) {
   std::filesystem::create_directories(path);
   std::string entries;
-  if (!content.identifier.empty())
-    entries += element(kQXBundleIdentifier, content.identifier);
+  if (!content.identifier.empty()) entries += element(kQXBundleIdentifier, content.identifier);
   if (!content.version.empty()) entries += element(kQXBundleVersion, content.version);
   if (!content.executable.empty()) {
     entries += element(kQXBundleExecutable, content.executable);
