@@ -8,6 +8,7 @@
 #include <ctime>
 #include <functional>
 #include <gtest/gtest.h>
+#include <latch>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -137,11 +138,13 @@ TEST(ProcessHelpers, OnlyTheOutermostAssertionReachesTheMonitor) {
 TEST(ProcessHelpers, AssertionsOfManyThreadsAreCounted) {
   CountingMonitor monitor;
   PLAssertHighResourceUsage();
+  std::latch start(4);
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] {
-      for (int n = 0; n < 300000; ++n) PLAssertHighResourceUsage();
-      for (int n = 0; n < 300000; ++n) PLClearResourceAssertion();
+    threads.emplace_back([&start] {
+      start.arrive_and_wait();
+      for (int n = 0; n < 1000000; ++n) PLAssertHighResourceUsage();
+      for (int n = 0; n < 1000000; ++n) PLClearResourceAssertion();
     });
   }
   for (std::thread& thread : threads) thread.join();
