@@ -174,8 +174,9 @@ bool isUnlocked(PLGlobalConfiguration& c) {
 TEST(WorkingDirectories, DoNotStayLockedAfterAFailure) {
   const TemporaryRoot root;
   root.makeFile("private");
-  // Never destroyed: a thread that stays locked out still refers to it.
-  auto& c = *new PLGlobalConfiguration(root.url());
+  // Not destroyed after a failure: the thread that is locked out still refers to it.
+  auto* const kept = new PLGlobalConfiguration(root.url());
+  PLGlobalConfiguration& c = *kept;
   const RecordedProductLog log;
   WatchedMakePath paths;
   for (const WorkingDirectory& d : kWorkingDirectories) {
@@ -186,6 +187,7 @@ TEST(WorkingDirectories, DoNotStayLockedAfterAFailure) {
     ASSERT_TRUE(isUnlocked(c)) << d.name << " thrown out of";
     paths.throws = false;
   }
+  delete kept;
 }
 
 TEST(WorkingDirectories, AreMadeForOneCallerAfterTheOther) {

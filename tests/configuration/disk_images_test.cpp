@@ -409,9 +409,9 @@ TEST(DiskImages, HaveAMediumForEveryPartitionInTheirOrder) {
   const std::string image = makeImage(root, "parted.img", 10);
   const bool passed = runInMountNamespace([&] {
     makeOwnDevices();
-    const AttachedImage attached(image);
-    ASSERT_TRUE(attached.attached() && attached.addPartitions(10));
-    const std::string whole = std::filesystem::path(attached.media(0)).filename();
+    std::optional<AttachedImage> attached(image);
+    ASSERT_TRUE(attached->attached() && attached->addPartitions(10));
+    const std::string whole = std::filesystem::path(attached->media(0)).filename();
     const auto gather = [](DevObject entry, DevWalk walk, Paths& drives, Paths& media) {
       DevObject iterator = 0;
       EXPECT_EQ(DevWalkOpen(entry, walk, iterator), 0);
@@ -441,6 +441,10 @@ TEST(DiskImages, HaveAMediumForEveryPartitionInTheirOrder) {
     }
     EXPECT_NE(std::search(media.begin(), media.end(), expected.begin(), expected.end()),
               media.end());
+    attached.reset();
+    media.clear();
+    gather(controller, DevWalk::kDescendants, drives, media);
+    EXPECT_EQ(std::find(media.begin(), media.end(), whole), media.end()) << "detached";
     DevRelease(controller);
     DevObject iterator = 0;
     EXPECT_NE(DevWalkOpen(controller, DevWalk::kChildren, iterator), 0) << "released";
