@@ -109,10 +109,10 @@ class PLFileManager {
   // --- Containment. The real path of `suspicious`, without links, "." and "..", as a file
   // location, when it lies inside `base` (or is the base); nothing otherwise, and a line at level 3
   // says why. Holds against directories on the way that are links out, absolute links, "..", and
-  // the two paths /var and /private/var of one volume. A `suspicious` that is itself a relative link
-  // is judged by the text of that link: where it leads on through further links is not looked at.
-  // What does not exist yet is judged by what does. The base's path must be a prefix of the other
-  // one. Null is rejected. The answer is about the moment of the call.
+  // the two paths /var and /private/var of one volume. A `suspicious` that is itself a relative
+  // link is judged by the text of that link: where it leads on through further links is not looked
+  // at. What does not exist yet is judged by what does. The base's path must be a prefix of the
+  // other one. Null is rejected. The answer is about the moment of the call.
   std::optional<URL> realPathForURL(const URL* suspicious, const URL* base) const;
 
   // --- Symbolic links.
