@@ -13,7 +13,7 @@ namespace pallion {
 
 namespace {
 
-constexpr char kFunction[] = "-[PLAppMigrator _introspectContainer:orderResultEarly:]";
+constexpr char kIntrospectFunction[] = "-[PLAppMigrator _introspectContainer:orderResultEarly:]";
 
 // Lists the container. Without a list the item is no container to migrate; a plain file is removed.
 std::optional<std::vector<URL>> listContainer(const URL& container) {
@@ -23,16 +23,17 @@ std::optional<std::vector<URL>> listContainer(const URL& container) {
       files.urlsForItemsInDirectoryAtURL(container, false, &error);
   if (entries) return entries;
   if (error.isPOSIX(ENOTDIR)) {
-    logError(kFunction, "PLAppMigrator: Found regular file at %@ ; removing", container.path());
+    logError(kIntrospectFunction, "PLAppMigrator: Found regular file at %@ ; removing",
+             container.path());
     files.removeItemAtURL(container, nullptr);
   } else if (error.isPOSIX(ENOENT)) {
     logNotice(
-        kFunction,
+        kIntrospectFunction,
         "PLAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with palliond)",
         container.path());
   } else {
-    logError(kFunction, "PLAppMigrator: Failed to get URLs in container %@ : %@", container.path(),
-             error);
+    logError(kIntrospectFunction, "PLAppMigrator: Failed to get URLs in container %@ : %@",
+             container.path(), error);
   }
   return std::nullopt;
 }
@@ -70,7 +71,7 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
   for (const URL& entry : *entries) {
     struct stat status {};
     if (lstat(entry.fileSystemRepresentation(), &status) != 0) {
-      logError(kFunction, "PLAppMigrator: Failed to stat path %s : %s",
+      logError(kIntrospectFunction, "PLAppMigrator: Failed to stat path %s : %s",
                entry.fileSystemRepresentation(), std::strerror(errno));
       return std::nullopt;
     }
@@ -80,14 +81,14 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
 
     if (extension == "app") {
       if (isLink) {
-        logError(kFunction, "PLAppMigrator: Skipping container with app symlink at %@",
+        logError(kIntrospectFunction, "PLAppMigrator: Skipping container with app symlink at %@",
                  entry.path());
         return std::nullopt;
       }
-      logNotice(kFunction, "PLAppMigrator: Found app %@", entry.path());
+      logNotice(kIntrospectFunction, "PLAppMigrator: Found app %@", entry.path());
       const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
       if (state != IdentifierState::kFound) {
-        logError(kFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
+        logError(kIntrospectFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
                  entry.path());
         unreadable |= state == IdentifierState::kUnreadable;
         continue;
@@ -95,15 +96,15 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
       application = entry;
       record(entry, kContainerTypeApp, identifier);
     } else if (extension == "vpnplugin") {
-      logNotice(kFunction, "PLAppMigrator: Found vpn plugin %@", entry.path());
+      logNotice(kIntrospectFunction, "PLAppMigrator: Found vpn plugin %@", entry.path());
       if (isLink) {
-        logError(kFunction, "PLAppMigrator: VPN plugin was symlink; skipping container %@",
-                 entry.path());
+        logError(kIntrospectFunction,
+                 "PLAppMigrator: VPN plugin was symlink; skipping container %@", entry.path());
         return std::nullopt;
       }
       const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
       if (state == IdentifierState::kUnreadable) {
-        logError(kFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
+        logError(kIntrospectFunction, "PLAppMigrator: Could not get identifier for bundle at %@",
                  entry.path());
         unreadable = true;
       }
@@ -111,9 +112,10 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
       vpnPlugin = entry;
       if (!application) record(entry, kContainerTypeVPNBundle, identifier);
     } else if (entry.lastPathComponent() == kMigrationMarkerName) {
-      logNotice(kFunction, "PLAppMigrator: Found migration marker %@", entry.path());
+      logNotice(kIntrospectFunction, "PLAppMigrator: Found migration marker %@", entry.path());
       if (isLink) {
-        logError(kFunction, "PLAppMigrator: Migration marker was symlink; skipping container %@",
+        logError(kIntrospectFunction,
+                 "PLAppMigrator: Migration marker was symlink; skipping container %@",
                  entry.path());
         return std::nullopt;
       }
@@ -123,7 +125,8 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
         orderResultEarly = *info->getString(kContainerTypeKey) == kContainerTypeApp;
         return info;
       }
-      logError(kFunction, "PLAppMigrator: Failed to load migration marker file from %@", entry);
+      logError(kIntrospectFunction, "PLAppMigrator: Failed to load migration marker file from %@",
+               entry);
       unreadable |= unreadableMarker;
     }
   }
@@ -131,7 +134,8 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
   // What is there but can't be read just now is not absent.
   if (unreadable) return std::nullopt;
   if (!application && !vpnPlugin) {
-    logError(kFunction, "PLAppMigrator: No app or vpn bundle found in container %@ ; removing it",
+    logError(kIntrospectFunction,
+             "PLAppMigrator: No app or vpn bundle found in container %@ ; removing it",
              container.path());
     PLFileManager::defaultManager().removeItemAtURL(container, nullptr);
     return std::nullopt;

@@ -15,7 +15,7 @@ namespace pallion {
 
 namespace {
 
-constexpr char kFunction[] =
+constexpr char kPlaceholderFunction[] =
     "-[PLAppMigrator _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:inContainerURL:]";
 constexpr std::string_view kIconName = "Icon.png";
 
@@ -24,8 +24,8 @@ std::optional<std::string> readStoreMetadata(const URL& url) {
   int errorNumber = 0;
   std::optional<std::string> bytes = readFile(url, &errorNumber, FileCache::kBypass);
   if (!bytes && errorNumber != ENOENT) {
-    logError(kFunction, "PLAppMigrator: Failed to read %@ : %@", url.path(),
-             _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, errorNumber, "%s",
+    logError(kPlaceholderFunction, "PLAppMigrator: Failed to read %@ : %@", url.path(),
+             _CreateError(kPlaceholderFunction, __LINE__, kPOSIXErrorDomain, errorNumber, "%s",
                           std::strerror(errorNumber)));
   }
   return bytes;
@@ -55,11 +55,12 @@ bool PLAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const URL& bundle,
   const bool plain = isPlainName(identifier);
   Error error;
   if (!plain) {
-    error = _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, EINVAL, "\"%@\" is no plain name",
-                         identifier);
+    error = _CreateError(kPlaceholderFunction, __LINE__, kPOSIXErrorDomain, EINVAL,
+                         "\"%@\" is no plain name", identifier);
   }
   if (!plain || !files.createDirectoryAtURL(placeholder, true, 0755, &error)) {
-    logError(kFunction, "PLAppMigrator: Failed to create staged placeholder directory at %@ : %@",
+    logError(kPlaceholderFunction,
+             "PLAppMigrator: Failed to create staged placeholder directory at %@ : %@",
              placeholder.path(), error);
     if (plain) files.removeItemAtURL(placeholder, nullptr);
     return false;
@@ -76,13 +77,14 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
       readStoreMetadata(container.appending("BriscaMetadata.plist", URL::Kind::kFile));
   const std::unique_ptr<QXBundle> object = QXBundle::bundleWithURL(bundle);
   if (!object) {
-    logError(kFunction, "PLAppMigrator: Failed to create QXBundle for %@", bundle.path());
+    logError(kPlaceholderFunction, "PLAppMigrator: Failed to create QXBundle for %@",
+             bundle.path());
     return false;
   }
   const Dictionary* bundleInfo = object->infoDictionary();
   if (!bundleInfo) {
-    logError(kFunction, "PLAppMigrator: Failed to get bundle info dictionary for bundle %@",
-             bundle.path());
+    logError(kPlaceholderFunction,
+             "PLAppMigrator: Failed to get bundle info dictionary for bundle %@", bundle.path());
     return false;
   }
   Dictionary info = placeholderInfo(*bundleInfo);
@@ -90,26 +92,27 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
   if (_writeIconForBundle(*object, icon)) {
     info.set(kQXBundleIconFile, Value::string(std::string(kIconName)));
   } else {
-    logError(kFunction, "PLAppMigrator: Writing placeholder icon for app %@ to %@ failed",
-             identifier, icon);
+    logError(kPlaceholderFunction,
+             "PLAppMigrator: Writing placeholder icon for app %@ to %@ failed", identifier, icon);
   }
   // Nobody needs these files after a power loss: the registry puts on the medium what it takes
   // over.
   const URL infoURL = placeholder.appending("Info.plist", URL::Kind::kFile);
   if (writePropertyListFile(Value::dictionary(std::move(info)), infoURL,
                             PropertyListFormat::kBinary, Durability::kNotSynced) != 0) {
-    logError(kFunction, "PLAppMigrator: Failed to write placeholder Info.plist to %@", infoURL);
+    logError(kPlaceholderFunction, "PLAppMigrator: Failed to write placeholder Info.plist to %@",
+             infoURL);
     return false;
   }
 
-  logNotice(kFunction, "PLAppMigrator: Installing placeholder for %@", identifier);
+  logNotice(kPlaceholderFunction, "PLAppMigrator: Installing placeholder for %@", identifier);
   Error error;
   if (AppWorkspace::defaultWorkspace().installApplication(
           placeholder, placeholderInstallOptions(identifier, std::move(metadata)), &error)) {
     return true;
   }
-  logError(kFunction, "PLAppMigrator: Failed to install placeholder for %@: %@", identifier,
-           error.details());
+  logError(kPlaceholderFunction, "PLAppMigrator: Failed to install placeholder for %@: %@",
+           identifier, error.details());
   return false;
 }
 

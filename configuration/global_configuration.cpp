@@ -43,6 +43,7 @@ URL PLGlobalConfiguration::roleUserMigrationMarkerFilePath() const {
 
 std::vector<std::string> PLGlobalConfiguration::appBundleMetadataItemNames() const {
   std::vector<std::string> names;
+  names.reserve(kStoreMetadataItems.size());
   for (const StoreMetadataItem& item : kStoreMetadataItems) names.emplace_back(item.name);
   return names;
 }

@@ -64,7 +64,7 @@ struct Compared {
   }
 };
 
-constexpr char kFunction[] = "-[PLFileManager realPathForURL:ifChildOfURL:]";
+constexpr char kContainment[] = "-[PLFileManager realPathForURL:ifChildOfURL:]";
 
 }  // namespace
 
@@ -87,7 +87,7 @@ bool PLFileManager::_validateSymlink(const std::string* path, int startingDepth,
 std::optional<URL> PLFileManager::realPathForURL(const URL* suspicious, const URL* base) const {
   if (!suspicious || !base) {
     const auto copy = [](const URL* url) { return url ? std::optional(*url) : std::nullopt; };
-    LogWrite(kLogError, kFunction, "The base path %@ and/or suspicious path %@ were nil",
+    LogWrite(kLogError, kContainment, "The base path %@ and/or suspicious path %@ were nil",
              copy(base), copy(suspicious));
     return std::nullopt;
   }
@@ -96,38 +96,38 @@ std::optional<URL> PLFileManager::realPathForURL(const URL* suspicious, const UR
   const std::string basePath = b.path();
   const std::string path = s.path();
   if (!path.starts_with(basePath)) {
-    LogWrite(kLogError, kFunction, "supiscious path %@ does not contain base path %@ as a prefix",
-             path, basePath);
+    LogWrite(kLogError, kContainment,
+             "supiscious path %@ does not contain base path %@ as a prefix", path, basePath);
     return std::nullopt;
   }
   if (PallionAdditions::containsDotDotPathComponents(path)) {
-    LogWrite(kLogError, kFunction, "The suspicious path %@ contains '..' paths, which are invalid",
-             path);
+    LogWrite(kLogError, kContainment,
+             "The suspicious path %@ contains '..' paths, which are invalid", path);
     return std::nullopt;
   }
 
   char text[kPathBufferSize] = {};
   const ssize_t length = readLink(s.fileSystemRepresentation(), text);
   if (length < 0 && errno != EINVAL && errno != ENOENT) {
-    LogWrite(kLogError, kFunction, "Readlink failed: %s", std::strerror(errno));
+    LogWrite(kLogError, kContainment, "Readlink failed: %s", std::strerror(errno));
     return std::nullopt;
   }
   const bool isLink = length >= 0;
   if (isLink) {
     if (text[0] == '/') {
-      LogWrite(kLogError, kFunction, "Rejecting %@ -> %s, as absolute symlinks are not allowed",
+      LogWrite(kLogError, kContainment, "Rejecting %@ -> %s, as absolute symlinks are not allowed",
                path, text);
       return std::nullopt;
     }
     int baseDepth = 0;
     if (!_validateSymlink(&basePath, 0, &baseDepth)) {
-      LogWrite(kLogError, kFunction, "Failed to retrieve depth of %@", basePath);
+      LogWrite(kLogError, kContainment, "Failed to retrieve depth of %@", basePath);
       return std::nullopt;
     }
     const std::string target =
         targetBelowBase(path, basePath.size(), std::string_view(text, static_cast<size_t>(length)));
     if (!_validateSymlink(&target, baseDepth, nullptr)) {
-      LogWrite(kLogError, kFunction,
+      LogWrite(kLogError, kContainment,
                "Rejecting %@ -> %@, as it is points outside or to the base %@", path, target,
                basePath);
       return std::nullopt;
@@ -136,12 +136,12 @@ std::optional<URL> PLFileManager::realPathForURL(const URL* suspicious, const UR
 
   const std::optional<URL> realBase = _realPathForURL(b, false);
   if (!realBase) {
-    LogWrite(kLogError, kFunction, "Failed to retrieve realpath for base path %@ ", basePath);
+    LogWrite(kLogError, kContainment, "Failed to retrieve realpath for base path %@ ", basePath);
     return std::nullopt;
   }
   std::optional<URL> real = _realPathForURL(s, true);
   if (!real) {
-    LogWrite(kLogError, kFunction, "Failed to retrieve realpath for suspicious path %@", path);
+    LogWrite(kLogError, kContainment, "Failed to retrieve realpath for suspicious path %@", path);
     return std::nullopt;
   }
   if (isLink) return real;
@@ -150,13 +150,13 @@ std::optional<URL> PLFileManager::realPathForURL(const URL* suspicious, const UR
   const Compared rs(*real);
   if (rb.components.size() < 2 || rs.components.size() < 2) {
     LogWrite(
-        kLogError, kFunction,
+        kLogError, kContainment,
         "Rejecting %@ with base %@ because real component counts don't make sense (reals %@ ; %@)",
         path, basePath, real->path(), realBase->path());
     return std::nullopt;
   }
   if (rb.count() > rs.count()) {
-    LogWrite(kLogError, kFunction,
+    LogWrite(kLogError, kContainment,
              "Rejecting %@ with base %@ because base component count is greater than child "
              "component count "
              "(reals %@ ; %@)",
@@ -167,7 +167,7 @@ std::optional<URL> PLFileManager::realPathForURL(const URL* suspicious, const UR
     const std::string& baseComponent = rb.components[rb.first + i];
     const std::string& component = rs.components[rs.first + i];
     if (baseComponent != component) {
-      LogWrite(kLogError, kFunction,
+      LogWrite(kLogError, kContainment,
                "Rejecting %@ with base %@ (reals %@ ; %@) because components diverge at %@ != %@",
                path, basePath, real->path(), realBase->path(), baseComponent, component);
       return std::nullopt;

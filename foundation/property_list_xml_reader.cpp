@@ -96,7 +96,7 @@ Value XMLReader::read(std::string_view bytes) {
   XML_SetSkippedEntityHandler(parser_.get(), onSkippedEntity);
   // Expat reads a token that a piece cuts from its beginning again. Pieces that grow with what is
   // behind them keep that in proportion however long a token is.
-  constexpr size_t kSmallestPiece = 64 * 1024;
+  constexpr size_t kSmallestPiece = size_t{64} * 1024;
   constexpr size_t kLargestPiece = size_t{1} << 28;  // expat counts in int
   size_t at = 0;
   bool last = false;

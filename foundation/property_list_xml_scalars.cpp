@@ -109,7 +109,8 @@ Value parseDate(std::string_view text) {
   int64_t days = int64_t{365} * past + past / 4 - past / 100 + past / 400 + day - 1 - 730485;
   for (int i = 0; i < month - 1; ++i) days += kDays[i];
   if (isLeap && month > 2) ++days;
-  return Value::date(static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second));
+  return Value::date(
+      static_cast<double>(days * 86400 + int64_t{hour} * 3600 + int64_t{minute} * 60 + second));
 }
 
 Value parseBase64(std::string_view text) {

@@ -13,8 +13,8 @@ namespace pallion {
 
 namespace {
 
-constexpr size_t kSmallestBuffer = 32 * 1024;
-constexpr size_t kLargestBuffer = 1024 * 1024;
+constexpr size_t kSmallestBuffer = size_t{32} * 1024;
+constexpr size_t kLargestBuffer = size_t{1024} * 1024;
 // More than the largest entry takes (19 bytes and a name of 255), so a read that leaves this much
 // was not cut short by the buffer.
 constexpr size_t kRoomToSpare = 512;

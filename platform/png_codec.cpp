@@ -86,7 +86,7 @@ bool writeRows(png_structp png, png_infop info, const Image& image, std::string*
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
   for (uint32_t row = 0; row < image.height; ++row) {
-    png_write_row(png, image.pixels.data() + row * image.width * kBytesPerPixel);
+    png_write_row(png, image.pixels.data() + size_t{row} * image.width * kBytesPerPixel);
   }
   png_write_end(png, info);
   return true;

@@ -83,7 +83,8 @@ Value FilePreferences::value(std::string_view key, std::string_view domain) {
 
 void FilePreferences::setValue(std::string_view key, Value value, std::string_view domain) {
   const std::lock_guard lock(mutex_);
-  pending_[std::string(domain)].set(key, value ? std::move(value) : removal());
+  if (!value) value = removal();
+  pending_[std::string(domain)].set(key, std::move(value));
 }
 
 bool FilePreferences::synchronize(std::string_view domain) {

@@ -44,7 +44,7 @@ constexpr Name kNames[] = {
     {"Sketch!", "sketch"},
 };
 
-std::string numbered(std::string text, const char* separator, uint64_t round) {
+std::string numbered(const std::string& text, const char* separator, uint64_t round) {
   return round == 0 ? text : text + separator + std::to_string(round + 1);
 }
 
