@@ -65,7 +65,9 @@ void PLCrashOnException(const UncaughtException& exception) {
   const std::string report = crashReport(exception);
   static std::mutex oneReport;
   oneReport.lock();  // never unlocked: the record is to hold exactly one report
-  crashAnnotation.message = reinterpret_cast<uintptr_t>(strdup(report.c_str()));
+  // In one store, since a reader may look at any moment.
+  std::atomic_ref(crashAnnotation.message)
+      .store(reinterpret_cast<uintptr_t>(strdup(report.c_str())), std::memory_order_release);
   std::abort();
 }
 

@@ -358,7 +358,7 @@ TEST_F(RegistryInstallation, ARefusedCallLosesNothing) {
                 {"make", {SYS_mkdir, SYS_mkdirat}, ENOSPC},
                 {"attribute", {SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr}, ENOSPC},
                 {"list", {SYS_getdents64}, EIO},
-                {"status", {SYS_lstat, SYS_newfstatat}, EIO}};
+                {"status", {SYS_lstat, SYS_fstat, SYS_newfstatat}, EIO}};
   ASSERT_EQ(installPlaceholder("com.a"), "");
   root_.makeDirectory("Applications");
   makeStaging("staging", "A.app", {"com.a", "1", "Run", {"group.a"}});

@@ -231,8 +231,8 @@ TEST(ProcessHelpers, TheFirstOfTwoReportsIsTheOnlyOne) {
               };
               sigaction(SIGABRT, &action, nullptr);
               std::thread([] {
-                volatile uint64_t& message = crashAnnotation.message;
-                while (message == 0) std::this_thread::yield();
+                const std::atomic_ref message(crashAnnotation.message);
+                while (message.load() == 0) std::this_thread::yield();
                 PLCrashOnException({"Second", std::nullopt, {}});
               }).detach();
               PLCrashOnException({"First", std::nullopt, {}});
