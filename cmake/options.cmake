@@ -1,5 +1,4 @@
 option(PALLION_TESTS "Build the tests" ON)
-option(PALLION_BENCHMARKS "Build the benchmarks" OFF)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
 endif()
