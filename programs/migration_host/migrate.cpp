@@ -1,7 +1,9 @@
 #include <cerrno>
+#include <chrono>
 #include <optional>
 
 #include "platform/registry.h"
+#include "platform/service_transactions.h"
 #include "programs/common/console.h"
 #include "programs/common/root_directory.h"
 #include "programs/migration_host/commands.h"
@@ -15,6 +17,8 @@
 namespace pallion::host {
 
 namespace {
+
+constexpr std::chrono::seconds kLongestTransaction(30);
 
 int runMigrator(const PluginModule& module, RunReport& report, bool showProgress) {
   report.began();
@@ -68,6 +72,8 @@ int run(const Options& options, RunReport& report) {
   const HostLogs logs(options, log, &report);
   const InterruptWatch watch([&report](int exitStatus) { report.finishInterrupted(exitStatus); });
   const int status = runMigrator(module, report, !options.quiet && canShowProgress());
+  // What runs inside an open transaction ends before the process does; not for ever, though.
+  ServiceTransactions::waitUntilIdle(kLongestTransaction);
   // Before the lock goes, so that the next run finds the registry at rest.
   closeDefaultRegistry();
   return status;

@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -43,6 +46,10 @@ ProcessOutcome migrate(const std::string& root, const std::vector<std::string>& 
   return runProcess(setup);
 }
 
+size_t entriesOf(const std::string& directory) {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+}
+
 void removeTree(const std::string& path) {
   RemovalState state;
   RecursiveRemove::system().remove(path.c_str(), state);
@@ -79,6 +86,86 @@ TEST(EndToEnd, CarriesEveryByteIntoTheNewLayout) {
 TEST(EndToEnd, EndsWellWithNothingToMigrate) {
   TemporaryRoot device;
   EXPECT_EQ(migrate(device.path()).status, 0);
+}
+
+// Every awkward case that make-old-layout knows ends with its own lines, and loses nothing that
+// could be kept.
+TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
+  SKIP_UNLESS_ROOT();
+  TemporaryRoot device;
+  TemporaryRoot outside;
+  makeLayout(device.path(),
+             "--apps 6 --groups 3 --harbors 2 --vpn 1 --placeholders 1 --mess --seed 1");
+  EXPECT_EQ(migrate(device.path(), {"--log", outside / "log"}).status, 1);
+  std::istringstream log(readAll(outside / "log"));
+  std::vector<std::string> errors;
+  bool olderThanBuiltIn = false;
+  for (std::string line; std::getline(log, line);) {
+    olderThanBuiltIn |=
+        line.find("Data migration already happened so we're done here.") != std::string::npos;
+    const size_t text = line.find(": PLAppMigrator: ");
+    if (line.find(" [3] ") == std::string::npos || text == std::string::npos) continue;
+    std::string message = line.substr(text + std::string_view(": PLAppMigrator: ").size());
+    static const std::pair<std::regex, const char*> kPlaces[] = {
+        {std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"), "$$U"},
+        {std::regex("/private/var/mobile/Applications"), "$$A"},
+        {std::regex("/private/var/mobile/Library"), "$$L"}};
+    for (const auto& [place, name] : kPlaces) message = std::regex_replace(message, place, name);
+    errors.push_back(std::move(message));
+  }
+  EXPECT_TRUE(olderThanBuiltIn);
+  std::sort(errors.begin(), errors.end());
+  const std::vector<std::string> expected = {
+      "Could not get identifier for bundle at $A/$U/DamagedInfo.app/",
+      "Could not get identifier for bundle at $A/$U/NoIdentifier.app/",
+      "Could not get identifier for bundle at $A/$U/NoInfo.app/",
+      "Failed to create icon from bundle QXBundle $A/$U/Météo.app/",
+      "Failed to create icon from bundle QXBundle $A/$U/NoExecutable.app/",
+      "Failed to create staged placeholder directory at /tmp/com.orlix.pallion.migrator/...app/ : "
+      "POSIX 22: \"..\" is no plain name",
+      "Failed to create staged placeholder directory at "
+      "/tmp/com.orlix.pallion.migrator/com.example/slash.app/ : POSIX 22: \"com.example/slash\" is "
+      "no plain name",
+      "Failed to get harbor info for identifier com.example.awkward.text",
+      "Failed to get harbor path from harbor entry for com.example.awkward.pathless : {}",
+      "Failed to install file://$A/$U/Staging/ : RegistryErrorDomain 4: "
+      "$A/$U/Staging/Payload/NoExecutable.app/NoExecutable: No such file or directory (POSIX 2)",
+      "Failed to load migration marker file from "
+      "file://$A/$U/com.orlix.pallion.container_migrator.plist",
+      "Failed to load migration marker file from "
+      "file://$A/$U/com.orlix.pallion.container_migrator.plist",
+      "Failed to migrate safe harbor for identifier com.example.awkward.missing at "
+      "$L/Pallion/SafeHarbors/missing : (null)",
+      "Found missed items in $A/$U/ for com.example.awkward.Missed: (file://$A/$U/forgotten.txt)",
+      "Found regular file at $A/stray.txt ; removing",
+      "Identifier in harbor map was not string; skipping",
+      "Installation of $A/$U/NoExecutable.app/ failed with Pallion error "
+      "$A/$U/Staging/Payload/NoExecutable.app/NoExecutable (MissingBundleExecutable : No such file "
+      "or directory)",
+      "Migration marker was symlink; skipping container "
+      "$A/$U/com.orlix.pallion.container_migrator.plist",
+      "Migration of .. at $A/$U/Climber.app/ failed",
+      "Migration of com.example.awkward.Missed at $A/$U/Missed.app/ failed",
+      "Migration of com.example.awkward.NoExecutable at $A/$U/NoExecutable.app/ failed",
+      "Migration of com.example/slash at $A/$U/Slash.app/ failed",
+      "Missing source group container at $L/GroupContainers/$U/",
+      "No app or vpn bundle found in container $A/$U/ ; removing it",
+      "No app or vpn bundle found in container $A/$U/ ; removing it",
+      "No app or vpn bundle found in container $A/$U/ ; removing it",
+      "No app or vpn bundle found in container $A/$U/ ; removing it",
+      "Not removing $L/Caches/com.orlix.pallion.plist because 8 items remain unmigrated.",
+      "Returning migration failed. Please include the contents of /var/mobile/Library/Logs/Pallion "
+      "and /var/Mobile/Library/Logs/Shiftwell in a bug report.",
+      "Skipping container with app symlink at $A/$U/Linked.app",
+      "VPN plugin was symlink; skipping container $A/$U/Linked.vpnplugin",
+      "Writing placeholder icon for app com.example.awkward.NoExecutable to "
+      "file:///tmp/com.orlix.pallion.migrator/com.example.awkward.NoExecutable.app/Icon.png failed",
+      "Writing placeholder icon for app com.example.weather to "
+      "file:///tmp/com.orlix.pallion.migrator/com.example.weather.app/Icon.png failed"};
+  EXPECT_EQ(errors, expected);
+  // What can not be judged, has no usable identifier or holds a missed item is left alone; and so
+  // is a link.
+  EXPECT_EQ(entriesOf(device / "private/var/mobile/Applications"), 8U);
 }
 
 // Old and new containers, and the group containers, on volumes of their own.
