@@ -9,6 +9,7 @@
 #include "foundation/property_list.h"
 #include "platform/app_workspace.h"
 #include "platform/icon.h"
+#include "platform/store_metadata.h"
 #include "platform/temporary_directory.h"
 
 namespace pallion {
@@ -74,7 +75,7 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
                                                const std::string& identifier,
                                                const URL& container) {
   std::optional<std::string> metadata =
-      readStoreMetadata(container.appending("BriscaMetadata.plist", URL::Kind::kFile));
+      readStoreMetadata(container.appending(kBriscaMetadataName, URL::Kind::kFile));
   const std::unique_ptr<QXBundle> object = QXBundle::bundleWithURL(bundle);
   if (!object) {
     logError(kPlaceholderFunction, "PLAppMigrator: Failed to create QXBundle for %@",

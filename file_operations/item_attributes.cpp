@@ -12,9 +12,6 @@ namespace pallion {
 
 namespace {
 
-constexpr char kPlaceholderAttribute[] = "com.orlix.palliond.placeholder";
-constexpr char kInstallTypeAttribute[] = "com.orlix.palliond.installType";
-
 // A descriptor of the item itself, for its attributes. -1 with the record made.
 int openItem(const URL& url, const char* function, Error* error) {
   const int descriptor =

@@ -3,6 +3,8 @@
 #include <array>
 #include <string_view>
 
+#include "platform/store_metadata.h"
+
 namespace pallion {
 
 // A file at the top level of an old container that travels with a store application, and the key of
@@ -13,10 +15,10 @@ struct StoreMetadataItem {
 };
 
 inline constexpr std::array<StoreMetadataItem, 4> kStoreMetadataItems = {{
-    {"Manifest.plist", "ManifestCaptureFailed"},
-    {"BriscaArtwork", "BriscaArtworkCaptureFailed"},
-    {"BriscaMetadata.plist", "BriscaMetadataCaptureFailed"},
-    {"GeoJSON", "GeoJSONCaptureFailed"},
+    {kStoreMetadataNames[0], "ManifestCaptureFailed"},
+    {kStoreMetadataNames[1], "BriscaArtworkCaptureFailed"},
+    {kStoreMetadataNames[2], "BriscaMetadataCaptureFailed"},
+    {kStoreMetadataNames[3], "GeoJSONCaptureFailed"},
 }};
 
 }  // namespace pallion

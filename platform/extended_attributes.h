@@ -29,4 +29,9 @@ class ExtendedAttributes {
 
 extern const int kNoAttribute;
 
+// Attributes that the installer puts on bundles, in the machine's byte order: a 32-bit integer 1
+// marks a placeholder, an unsigned 64-bit integer is the install type.
+inline constexpr const char* kPlaceholderAttribute = "com.orlix.palliond.placeholder";
+inline constexpr const char* kInstallTypeAttribute = "com.orlix.palliond.installType";
+
 }  // namespace pallion

@@ -84,11 +84,11 @@ Outcome checkExecutable(const std::string& bundlePath, const BundleFacts& facts)
 
 int markAsPlaceholder(const std::string& bundlePath) {
   const int32_t mark = 1;
-  return setAttribute(bundlePath, kPlaceholderMarkName, &mark, sizeof mark);
+  return setAttribute(bundlePath, kPlaceholderAttribute, &mark, sizeof mark);
 }
 
 int setInstallType(const std::string& bundlePath, uint64_t installType) {
-  return setAttribute(bundlePath, kInstallTypeName, &installType, sizeof installType);
+  return setAttribute(bundlePath, kInstallTypeAttribute, &installType, sizeof installType);
 }
 
 Outcome setInstallTypes(const std::string& directory, const StagedPackage& package,

@@ -9,9 +9,6 @@
 
 namespace pallion {
 
-inline constexpr const char* kPlaceholderMarkName = "com.orlix.palliond.placeholder";
-inline constexpr const char* kInstallTypeName = "com.orlix.palliond.installType";
-
 // What a staging directory holds in its directory Payload: an application, perhaps with a plug-in
 // beside it, or a plug-in alone, or nothing.
 struct StagedPackage {
