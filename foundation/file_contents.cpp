@@ -9,27 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
+
 namespace pallion {
 
 namespace {
-
-// Closes without touching errno.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    const int saved = errno;
-    if (fd_ >= 0) close(fd_);
-    errno = saved;
-  }
-  [[nodiscard]] int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 // Calls until no signal interrupts.
 template <class Call>
@@ -59,7 +43,8 @@ int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& byte
 
 int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::string& bytes) {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-  const Descriptor file(retried([&] { return open(url.fileSystemRepresentation(), kFlags); }));
+  const UniqueDescriptor file(
+      retried([&] { return open(url.fileSystemRepresentation(), kFlags); }));
   if (!file)
     return errno == ENXIO ? EINVAL : errno;  // ENXIO: a socket, or a device that isn't there
   struct stat status {};
@@ -116,12 +101,12 @@ class AtomicWrite {
   static constexpr int kNotPossible = -2;  // not on this file system, or not for this process
 
   int writeUnnamed();
-  int replaceWith(const Descriptor& file);
-  int link(const Descriptor& file, const std::string& name) const;
+  int replaceWith(const UniqueDescriptor& file);
+  int link(const UniqueDescriptor& file, const std::string& name) const;
   int writeNamed();
   int removeLeftOver();
   int renameOver();
-  [[nodiscard]] bool isAtTemporaryName(const Descriptor& file) const;
+  [[nodiscard]] bool isAtTemporaryName(const UniqueDescriptor& file) const;
 
   int directory_;
   std::string name_;
@@ -147,7 +132,7 @@ int AtomicWrite::run() {
 }
 
 int AtomicWrite::writeUnnamed() {
-  const Descriptor file(
+  const UniqueDescriptor file(
       retried([&] { return openat(directory_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode_); }));
   if (!file) {
     // Without support: EOPNOTSUPP; EISDIR, ENOENT and EINVAL from kernels and file systems that
@@ -161,7 +146,7 @@ int AtomicWrite::writeUnnamed() {
   return error == EEXIST ? replaceWith(file) : error;
 }
 
-int AtomicWrite::link(const Descriptor& file, const std::string& name) const {
+int AtomicWrite::link(const UniqueDescriptor& file, const std::string& name) const {
   if (linkat(file.get(), "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
   if (errno != ENOENT && errno != EPERM) return errno;
   // Without CAP_DAC_READ_SEARCH there is the way through /proc.
@@ -171,7 +156,7 @@ int AtomicWrite::link(const Descriptor& file, const std::string& name) const {
   return errno == EEXIST ? EEXIST : kNotPossible;
 }
 
-int AtomicWrite::replaceWith(const Descriptor& file) {
+int AtomicWrite::replaceWith(const UniqueDescriptor& file) {
   int error = link(file, temporary_);
   if (error == EEXIST) {
     // A left-over, or the complete file of another writer, which then finds its own gone.
@@ -195,7 +180,7 @@ int AtomicWrite::renameOver() {
   return error;
 }
 
-bool AtomicWrite::isAtTemporaryName(const Descriptor& file) const {
+bool AtomicWrite::isAtTemporaryName(const UniqueDescriptor& file) const {
   struct stat own {};
   struct stat named {};
   return fstat(file.get(), &own) == 0 &&
@@ -207,7 +192,7 @@ bool AtomicWrite::isAtTemporaryName(const Descriptor& file) const {
 // names, and nobody else, writes that file and changes what is at the name.
 int AtomicWrite::writeNamed() {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor file(
+  const UniqueDescriptor file(
       retried([&] { return openat(directory_, temporary_.c_str(), kFlags, mode_); }));
   if (!file) return errno == EEXIST ? removeLeftOver() : errno;
   retried([&] { return flock(file.get(), LOCK_EX); });
@@ -220,7 +205,8 @@ int AtomicWrite::writeNamed() {
 
 int AtomicWrite::removeLeftOver() {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-  const Descriptor file(retried([&] { return openat(directory_, temporary_.c_str(), kFlags); }));
+  const UniqueDescriptor file(
+      retried([&] { return openat(directory_, temporary_.c_str(), kFlags); }));
   if (!file && errno == ENOENT) return kAgain;  // its writer has come to an end
   if (file) {
     // Waits for a writer that is at work.
@@ -249,7 +235,7 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   if (name == "/") return EISDIR;
   const URL parent = url.deletingLastPathComponent();
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  const Descriptor directory(
+  const UniqueDescriptor directory(
       retried([&] { return open(parent.fileSystemRepresentation(), kFlags); }));
   if (!directory) return errno;
   return AtomicWrite(directory.get(), name, bytes, durability, mode).run();

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "foundation/property_list.h"
+#include "foundation/unique_descriptor.h"
 #include "platform/make_path.h"
 #include "platform/replaceable.h"
-#include "platform/unique_descriptor.h"
 
 namespace pallion {
 

@@ -5,10 +5,10 @@
 #include <string>
 #include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/parent_directory.h"
 #include "platform/replaceable.h"
 #include "platform/tree_copy_walk.h"
-#include "platform/unique_descriptor.h"
 
 namespace pallion {
 

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/directory_reader.h"
 #include "platform/tree_copy_data.h"
 #include "platform/tree_copy_links.h"
 #include "platform/tree_copy_metadata.h"
-#include "platform/unique_descriptor.h"
 
 namespace pallion {
 

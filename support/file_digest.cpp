@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/product_log.h"
 #include "platform/sha256.h"
 
@@ -35,27 +36,12 @@ class KeptErrno {
   int number_ = errno;
 };
 
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    const KeptErrno kept;
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  [[nodiscard]] int get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
-
 // Hands the file to `chunk` piece by piece; true when all of it (as long as it was at the start)
 // was handed over. errno is that of the failure that was logged.
 template <class Chunk>
 bool _ReadFile(const char* path, const Chunk& chunk) {
   constexpr char kFunction[] = "_ReadFile";
-  const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  const UniqueDescriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (file.get() < 0) {
     const KeptErrno kept;
     LogWrite(kLogError, kFunction, "failed to open %s : %s", path, kept.text());

@@ -5,6 +5,7 @@
 #include "AppMigrator/container_info.h"
 #include "file_operations/file_manager.h"
 #include "tests/AppMigrator/migrator_fixture.h"
+#include "tests/helpers/unreadable_bundle.h"
 
 namespace pallion::test {
 
@@ -243,26 +244,10 @@ TEST_F(Introspection, PairsApplicationAndPlugin) {
   EXPECT_EQ(installer.installations.size(), 3U);
 }
 
-// A bundle object whose information property list can't be read just now.
-class UnreadableBundle : public QXBundle {
- public:
-  explicit UnreadableBundle(const URL& url) : url_(url) {}
-  const URL& bundleURL() const override { return url_; }
-  InfoState infoState() override { return InfoState::kUnreadable; }
-  int infoErrorNumber() override { return EIO; }
-  const Dictionary* infoDictionary() override { return nullptr; }
-  Value filteredInfoDictionary(const std::vector<std::string>&) override { return {}; }
-
- private:
-  URL url_;
-};
-
 TEST_F(Introspection, TakesAReadErrorForNoAbsence) {
   makeApplication("A1", "org.foo");
   makeBundle("V1", "Bar.vpnplugin", "org.bar");
-  QXBundle::replace([](const URL& url) -> std::unique_ptr<QXBundle> {
-    return std::make_unique<UnreadableBundle>(url);
-  });
+  QXBundle::replace(&makeUnreadableBundle);
   EXPECT_FALSE(run());
   QXBundle::replace(nullptr);
   EXPECT_TRUE(exists(inApplications("A1/Documents/letter")));

@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include "configuration/global_configuration.h"
+#include "foundation/unique_descriptor.h"
 #include "platform/make_path.h"
 #include "platform/protection_class.h"
-#include "platform/unique_descriptor.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/temporary_root.h"
 

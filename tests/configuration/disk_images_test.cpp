@@ -14,10 +14,10 @@
 
 #include "configuration/global_configuration.h"
 #include "foundation/property_list.h"
+#include "foundation/unique_descriptor.h"
 #include "platform/bundle.h"
 #include "platform/device_registry.h"
 #include "platform/mount_table.h"
-#include "platform/unique_descriptor.h"
 #include "tests/helpers/child_process.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/recorded_logs.h"

@@ -8,6 +8,7 @@
 #include "platform/extended_attributes.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
+#include "tests/helpers/unreadable_bundle.h"
 #include "tests/platform/registry_fixture.h"
 
 namespace pallion::test {
@@ -178,27 +179,11 @@ TEST_F(RegistryInstallation, RefusalsLeaveEverythingAsItWas) {
   EXPECT_FALSE(registry_->applicationIsInstalled("com.x"));
 }
 
-// A bundle whose information property list can't be read just now.
-class UnreadableBundle : public QXBundle {
- public:
-  explicit UnreadableBundle(const URL& url) : url_(url) {}
-  [[nodiscard]] const URL& bundleURL() const override { return url_; }
-  InfoState infoState() override { return InfoState::kUnreadable; }
-  int infoErrorNumber() override { return EIO; }
-  const Dictionary* infoDictionary() override { return nullptr; }
-  Value filteredInfoDictionary(const std::vector<std::string>&) override { return {}; }
-
- private:
-  URL url_;
-};
-
 TEST_F(RegistryInstallation, WhatCannotBeReadIsRefusedAndNotForgotten) {
   makeBuiltIn("com.builtin", "2.0");
   ASSERT_EQ(installPlaceholder("com.a"), "");
   makeStaging("staging", "B.app", {"com.builtin", "3.0"});
-  QXBundle::replace([](const URL& url) -> std::unique_ptr<QXBundle> {
-    return std::make_unique<UnreadableBundle>(url);
-  });
+  QXBundle::replace(&makeUnreadableBundle);
   reopen();
   EXPECT_EQ(installBundle(root_ / "staging", "com.builtin"), "PackageInspectionFailed");
   EXPECT_FALSE(registry_->applicationIsInstalled("com.builtin"));

@@ -12,20 +12,8 @@
 #include "tests/helpers/mounts.h"
 #include "tests/platform/removal_fixture.h"
 
-namespace pallion {
+namespace pallion::test {
 namespace {
-
-using test::Canary;
-using test::chainPath;
-using test::countFiles;
-using test::exists;
-using test::Immutable;
-using test::makeChain;
-using test::Removal;
-using test::removeAt;
-using test::Reports;
-using test::TemporaryRoot;
-using test::touch;
 
 TEST(Remove, ReportsEachFailingItemOnceByItsPathAndGoesOn) {
   const TemporaryRoot root;
@@ -172,4 +160,4 @@ TEST(Remove, WhatIsMountedInTheTreeStays) {
 }
 
 }  // namespace
-}  // namespace pallion
+}  // namespace pallion::test

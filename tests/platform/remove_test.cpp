@@ -17,19 +17,8 @@
 #include "tests/helpers/refused_calls.h"
 #include "tests/platform/removal_fixture.h"
 
-namespace pallion {
+namespace pallion::test {
 namespace {
-
-using test::Canary;
-using test::chainPath;
-using test::exists;
-using test::Immutable;
-using test::makeChain;
-using test::Removal;
-using test::removeAt;
-using test::Reports;
-using test::TemporaryRoot;
-using test::touch;
 
 TEST(Remove, TakesEveryKindOfItemAtTheTopAndBelow) {
   const TemporaryRoot root;
@@ -222,4 +211,4 @@ TEST(Remove, DirectoriesThatCannotBeReadAreReported) {
 }
 
 }  // namespace
-}  // namespace pallion
+}  // namespace pallion::test
