@@ -322,6 +322,8 @@ TEST(MakeOldLayout, WithoutPrivilegesOwnersAreLeftOut) {
   const TemporaryRoot root;
   chmod(root.path().c_str(), 0777);
   const ProcessOutcome outcome = make(root.path(), {"--apps", "3", "--mess"}, 12345);
+  // The tree may stand in a directory that is closed to others, such as one of mktemp's.
+  if (outcome.status == 127) GTEST_SKIP() << "the program is not readable for everyone";
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, "make-old-layout: left out: owners, which only root can give\n");
 }
