@@ -1,30 +1,20 @@
 #include <cerrno>
 #include <cstring>
-#include <fts.h>
-#include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "file_operations/error_makers.h"
 #include "file_operations/file_manager.h"
 #include "platform/product_log.h"
+#include "platform/tree_walk.h"
 
 namespace pallion {
 
 namespace {
 
+using Kind = TreeWalkEntry::Kind;
+
 constexpr mode_t kModeBits = 07777;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kItemMode = 0644;
-
-bool isDirectory(const FTSENT& entry) {
-  return entry.fts_info == FTS_D || entry.fts_info == FTS_DP || entry.fts_info == FTS_DNR ||
-         entry.fts_info == FTS_DC;
-}
-
-bool isLink(const FTSENT& entry) {
-  return entry.fts_info == FTS_SL || entry.fts_info == FTS_SLNONE;
-}
 
 }  // namespace
 
@@ -32,29 +22,23 @@ bool PLFileManager::_traverseDirectory(const URL& root, Error* error,
                                        const TraversalCallback& callback) const {
   constexpr char kFunction[] = "-[PLFileManager _traverseDirectory:error:withBlock:]";
   const std::string path = root.fileSystemRepresentation();
-  std::string argument = path;
-  char* const paths[] = {argument.data(), nullptr};
-  FTS* walk = fts_open(paths, FTS_PHYSICAL | FTS_NOCHDIR | FTS_XDEV, nullptr);
-  if (!walk) {
+  TreeWalk walk;
+  if (!walk.open(path)) {
     const int number = errno;
     return failPOSIX(error, kFunction, __LINE__, number, "fts_open failed for %s with error %s",
                      path, std::strerror(number));
   }
   Error held;
   bool result = true;
-  while (result) {
-    errno = 0;  // the end of the walk is told from a failure by errno alone
-    const FTSENT* entry = fts_read(walk);
-    const int number = entry ? entry->fts_errno : errno;
-    if (!entry && number == 0) break;
-    if (!entry || entry->fts_info == FTS_ERR || entry->fts_info == FTS_NS) {
-      result = failPOSIX(&held, kFunction, __LINE__, number, "Error for path %s: %s", path,
-                         std::strerror(number));
+  while (const TreeWalkEntry* entry = result ? walk.next() : nullptr) {
+    if (entry->kind == Kind::kError || entry->kind == Kind::kNoStatus) {
+      result = failPOSIX(&held, kFunction, __LINE__, entry->errorNumber, "Error for path %s: %s",
+                         path, std::strerror(entry->errorNumber));
     } else {
       result = callback(*entry, &held);
     }
   }
-  if (fts_close(walk) != 0) {
+  if (!walk.close()) {
     const int number = errno;
     result = false;
     if (!held) {
@@ -70,15 +54,17 @@ bool PLFileManager::standardizeOwnershipAtURL(const URL& root, uid_t uid, gid_t 
                                               bool validateSymlinks, Error* error) const {
   constexpr char kFunction[] =
       "-[PLFileManager standardizeOwnershipAtURL:toUID:GID:validateSymlinks:error:]";
-  return _traverseDirectory(root, error, [&](const FTSENT& entry, Error* walkError) {
+  return _traverseDirectory(root, error, [&](const TreeWalkEntry& entry, Error* walkError) {
     // Everything of a directory was done before its contents.
-    if (entry.fts_info == FTS_DP) return true;
-    const char* path = entry.fts_path;
-    const struct stat& status = *entry.fts_statp;
-    if ((status.st_uid != uid || status.st_gid != gid) && lchown(path, uid, gid) != 0) {
+    if (entry.kind == Kind::kDirectoryAfter || entry.kind == Kind::kUnreadableDirectory) {
+      return true;
+    }
+    const char* path = entry.path;
+    const ItemStatus& status = entry.status;
+    if ((status.owner != uid || status.group != gid) && setItemOwner(entry.item, uid, gid) != 0) {
       LogWrite(kLogError, kFunction, "Could not chown %s: %s", path, std::strerror(errno));
     }
-    if (isLink(entry)) {
+    if (entry.kind == Kind::kLink) {
       const URL link = URL::fileURL(path, URL::Kind::kFile);
       if (validateSymlinks && !realPathForURL(&link, &root)) {
         ErrorDetails extra;
@@ -90,8 +76,9 @@ bool PLFileManager::standardizeOwnershipAtURL(const URL& root, uid_t uid, gid_t 
       }
       return true;  // Linux keeps no mode for links
     }
-    const mode_t mode = isDirectory(entry) ? kDirectoryMode : kItemMode;
-    if ((status.st_mode & kModeBits) != mode && chmod(path, mode) != 0) {
+    const bool isDirectory = entry.kind == Kind::kDirectory || entry.kind == Kind::kCycle;
+    const mode_t mode = isDirectory ? kDirectoryMode : kItemMode;
+    if ((status.mode & kModeBits) != mode && setItemMode(entry.item, mode) != 0) {
       LogWrite(kLogError, kFunction, "Could not chmod %s: %s", path, std::strerror(errno));
     }
     return true;

@@ -10,7 +10,6 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -19,8 +18,7 @@ namespace pallion {
 namespace {
 
 // Numbers that the C library's headers don't have yet; the same on every architecture since 5.1
-// unified them (but Alpha). Linux 6.6, and 6.13 for the others.
-constexpr long kFchmodat2 = 452;
+// unified them (but Alpha). Linux 6.13.
 constexpr long kSetxattrat = 463;
 constexpr long kGetxattrat = 464;
 constexpr long kListxattrat = 465;
@@ -41,27 +39,8 @@ constexpr const char* kDefaultList = "system.posix_acl_default";
 constexpr size_t kShort = 1024;
 constexpr size_t kLongest = 65536;
 
-timespec toTimespec(const statx_timestamp& time) {
-  timespec result{};
-  result.tv_sec = time.tv_sec;
-  result.tv_nsec = time.tv_nsec;
-  return result;
-}
-
 AttributeArguments argumentsFor(const void* value, size_t size) {
   return {reinterpret_cast<uintptr_t>(value), static_cast<uint32_t>(size), 0};
-}
-
-int setOwner(const ItemReference& item, uid_t owner, gid_t group) {
-  return item.name ? fchownat(item.descriptor, item.name, owner, group, AT_SYMLINK_NOFOLLOW)
-                   : fchown(item.descriptor, owner, group);
-}
-
-int setMode(const ItemReference& item, mode_t mode) {
-  if (!item.name) return fchmod(item.descriptor, mode);
-  if (syscall(kFchmodat2, item.descriptor, item.name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
-  // The C library goes through /proc where the kernel lacks the call.
-  return errno == ENOSYS ? fchmodat(item.descriptor, item.name, mode, AT_SYMLINK_NOFOLLOW) : -1;
 }
 
 int setTimes(const ItemReference& item, const ItemStatus& status) {
@@ -72,44 +51,14 @@ int setTimes(const ItemReference& item, const ItemStatus& status) {
 
 }  // namespace
 
-bool readStatus(const ItemReference& item, ItemStatus& status) {
-  struct statx found {};
-  const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (item.name ? 0 : AT_EMPTY_PATH);
-  if (statx(item.descriptor, item.name ? item.name : "", flags, STATX_BASIC_STATS, &found) != 0) {
-    return false;
-  }
-  status.device = makedev(found.stx_dev_major, found.stx_dev_minor);
-  status.inode = found.stx_ino;
-  status.mode = found.stx_mode;
-  status.owner = found.stx_uid;
-  status.group = found.stx_gid;
-  status.links = found.stx_nlink;
-  status.size = static_cast<off_t>(found.stx_size);
-  status.allocated = static_cast<off_t>(found.stx_blocks * 512);
-  status.represents = makedev(found.stx_rdev_major, found.stx_rdev_minor);
-  status.accessed = toTimespec(found.stx_atime);
-  status.modified = toTimespec(found.stx_mtime);
-  status.isMountRoot = (found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-  return true;
-}
-
-bool sameItem(const ItemStatus& left, const ItemStatus& right) {
-  return left.device == right.device && left.inode == right.inode;
-}
-
-bool sameContent(const ItemStatus& left, const ItemStatus& right) {
-  return left.size == right.size && left.modified.tv_sec == right.modified.tv_sec &&
-         left.modified.tv_nsec == right.modified.tv_nsec;
-}
-
 bool MetadataCopy::copy(const ItemReference& source, const ItemStatus& status,
                         const ItemReference& destination, const CreatedAs& created) {
   const bool ownerDiffers = status.owner != created.owner || status.group != created.group;
-  if (ownerDiffers && setOwner(destination, status.owner, status.group) != 0) return false;
+  if (ownerDiffers && setItemOwner(destination, status.owner, status.group) != 0) return false;
   // After the owner, whose change takes the set-id bits away.
   const mode_t mode = status.mode & 07777U;
   const bool hasMode = !S_ISLNK(status.mode);
-  if (hasMode && mode != created.mode && setMode(destination, mode) != 0) return false;
+  if (hasMode && mode != created.mode && setItemMode(destination, mode) != 0) return false;
   // After the owner, whose change takes file capabilities away, and after the mode, whose change
   // would rewrite an ACL's mask.
   const auto attributes = [&] { return copyAttributes(source, destination); };

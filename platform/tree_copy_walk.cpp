@@ -233,10 +233,9 @@ bool TreeCopyWalk::linkToCopy(const ItemStatus& status, const ItemReference& des
                               bool& linked) {
   const CopiedLinks::Place* place = status.links > 1 ? links_.find(status.inode) : nullptr;
   if (!place) return true;
-  const UniqueDescriptor directory = openCopied(place->directory);
-  if (!directory) return false;
-  linked = linkat(directory.get(), place->name.c_str(), destination.descriptor, destination.name,
-                  0) == 0;
+  const int directory = openCopied(place->directory);
+  if (directory < 0) return false;
+  linked = linkat(directory, place->name.c_str(), destination.descriptor, destination.name, 0) == 0;
   return linked;
 }
 
@@ -257,7 +256,10 @@ CopiedLinks::Directory TreeCopyWalk::placeOf(size_t level) {
 }
 
 // From the deepest directory on the way that is still open; the top is always.
-UniqueDescriptor TreeCopyWalk::openCopied(CopiedLinks::Directory directory) {
+int TreeCopyWalk::openCopied(CopiedLinks::Directory directory) {
+  if (directory == linkedFrom_) return linkedFromDescriptor_.get();
+  linkedFrom_ = CopiedLinks::kNone;
+  const CopiedLinks::Directory wanted = directory;
   std::vector<const std::string*> names;
   const auto isOpen = [this](CopiedLinks::Directory number) {
     const size_t depth = links_.directory(number).depth;
@@ -272,7 +274,9 @@ UniqueDescriptor TreeCopyWalk::openCopied(CopiedLinks::Directory directory) {
   for (auto name = names.rbegin(); reached && name != names.rend(); ++name) {
     reached.reset(openat(reached.get(), (*name)->c_str(), O_PATH | kOpenDirectory));
   }
-  return reached;
+  if (reached) linkedFrom_ = wanted;
+  linkedFromDescriptor_ = std::move(reached);
+  return linkedFromDescriptor_.get();
 }
 
 }  // namespace pallion

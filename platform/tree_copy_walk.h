@@ -59,7 +59,8 @@ class TreeCopyWalk {
   bool linkToCopy(const ItemStatus& status, const ItemReference& destination, bool& linked);
   void rememberCopy(const ItemStatus& status, const char* name);
   CopiedLinks::Directory placeOf(size_t level);
-  UniqueDescriptor openCopied(CopiedLinks::Directory directory);
+  // The directory of the copy; -1 with errno set on failure.
+  int openCopied(CopiedLinks::Directory directory);
 
   std::vector<Level> levels_;
   ItemStatus top_;             // of the source
@@ -67,6 +68,10 @@ class TreeCopyWalk {
   DataCopy data_;
   MetadataCopy metadata_;
   CopiedLinks links_;
+  // The directory that was linked from last: names of one item often come in a row, and the way to
+  // the first of them may be long.
+  CopiedLinks::Directory linkedFrom_ = CopiedLinks::kNone;
+  UniqueDescriptor linkedFromDescriptor_;
 };
 
 }  // namespace pallion

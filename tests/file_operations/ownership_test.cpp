@@ -1,10 +1,12 @@
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -13,6 +15,7 @@
 
 #include "file_operations/error_makers.h"
 #include "file_operations/file_manager.h"
+#include "foundation/unique_descriptor.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/refused_calls.h"
@@ -58,11 +61,8 @@ std::map<std::string, std::pair<time_t, long>> changeTimes(const std::string& pa
 }
 
 bool refuseOwnerAndModeChanges() {
-#ifdef SYS_lchown
-  return refuseCalls({SYS_lchown, SYS_chmod}, EPERM);
-#else  // architectures without the older calls
-  return refuseCalls({SYS_fchownat, SYS_fchmodat}, EPERM);
-#endif
+  constexpr long kFchmodat2 = 452;
+  return refuseCalls({SYS_fchown, SYS_fchownat, SYS_fchmod, SYS_fchmodat, kFchmodat2}, EPERM);
 }
 
 class Ownership : public testing::Test {
@@ -172,6 +172,69 @@ TEST_F(Ownership, IsNotGivenOnOtherVolumes) {
     EXPECT_TRUE(hasNewOwner(root_ / "t/volume"));
     EXPECT_EQ(modeOf(root_ / "t/volume"), 0755U);
     EXPECT_FALSE(hasNewOwner(inner));
+  }));
+}
+
+// The names of the directories are long, so that paths are far beyond what a call takes, and the
+// walk comes back to directories whose descriptors were given up.
+TEST_F(Ownership, IsGivenAtAnyDepth) {
+  if (!canMount()) GTEST_SKIP() << "needs a tmpfs: other volumes take long to remove it";
+  constexpr int kDepth = 100000;
+  EXPECT_TRUE(runInMountNamespace([&] {
+    const Mount memory = Mount::tmpfs(root_.makeDirectory("m"));
+    const std::string top = root_.makeDirectory("m/t");
+    const auto eachLevel = [&](const std::function<void(int directory, int depth)>& visit) {
+      UniqueDescriptor level(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      for (int depth = 0; depth < kDepth && level; ++depth) {
+        visit(level.get(), depth);
+        level.reset(openat(level.get(), "directory", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      }
+      ASSERT_TRUE(level);
+    };
+    eachLevel([](int directory, int depth) {
+      // Before and after the directory in the order of the walk.
+      if (depth % 100 == 0) mknodat(directory, "before", S_IFREG | 0600, 0);
+      mkdirat(directory, "directory", 0700);
+      if (depth % 100 == 0) mknodat(directory, "after", S_IFREG | 0600, 0);
+    });
+    const rlimit descriptors{256, 256};
+    const rlimit stack{rlim_t{256} << 10, rlim_t{256} << 10};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors) + setrlimit(RLIMIT_STACK, &stack), 0);
+    // On a thread of its own, whose stack is of that size.
+    bool done = false;
+    std::thread([&] { done = standardize(top, false); }).join();
+    EXPECT_TRUE(done);
+    int wrong = 0;
+    eachLevel([&](int directory, int depth) {
+      for (const char* name : {"before", "directory", "after"}) {
+        struct stat status {};
+        if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+          wrong += depth % 100 == 0 || name[0] == 'd' ? 1 : 0;
+        } else if (status.st_uid != kUser || status.st_gid != kGroup ||
+                   (status.st_mode & 07777) != (S_ISDIR(status.st_mode) ? 0755U : 0644U)) {
+          ++wrong;
+        }
+      }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(log_.lines.empty());
+  }));
+}
+
+// What can't be read before it has its new mode is read after it.
+TEST_F(Ownership, OpensDirectoriesToTheirOwner) {
+  if (!canMount()) GTEST_SKIP() << "needs a process of its own";
+  root_.makeFile("t/closed/f");
+  ASSERT_EQ(chmod((root_ / "t/closed/f").c_str(), 0600), 0);
+  for (const char* path : {"t", "t/closed", "t/closed/f"}) {
+    ASSERT_EQ(chown((root_ / path).c_str(), kUser, kGroup), 0);
+  }
+  ASSERT_EQ(chmod((root_ / "t/closed").c_str(), 0) + chmod(root_.path().c_str(), 0755), 0);
+  EXPECT_TRUE(runInMountNamespace([&] {
+    ASSERT_EQ(setgid(kGroup) + setuid(kUser), 0);
+    EXPECT_TRUE(standardize(root_ / "t", false));
+    EXPECT_EQ(modeOf(root_ / "t/closed"), 0755U);
+    EXPECT_EQ(modeOf(root_ / "t/closed/f"), 0644U);
   }));
 }
 

@@ -172,6 +172,7 @@ class Walk {
       line += timeText("modified", status.st_mtim);
       if (options_.accessTimes) line += timeText("accessed", status.st_atim);
     }
+    if (options_.changeTimes) line += timeText("changed", status.st_ctim);
     if (S_ISREG(status.st_mode)) {
       line += " size=" + std::to_string(status.st_size) + contentDigest(path);
       // Under a page, file systems may keep the content inside the inode.

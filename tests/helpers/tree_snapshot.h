@@ -13,6 +13,8 @@ struct SnapshotOptions {
   // Off by default: reading a tree changes them on most mounts. Taking a snapshot does not, where
   // that is permitted.
   bool accessTimes = false;
+  // Off by default: a copy never has those of its source.
+  bool changeTimes = false;
 };
 
 // Path relative to the top (bytes; the top itself is ".") -> one line with everything that matters

@@ -92,7 +92,7 @@ TEST(Remove, AnyDepthAndWidthWithFewDescriptorsAndLittleStack) {
     const auto volume = test::Mount::tmpfs(root.path(), "size=1g,nr_inodes=1m");
     ASSERT_TRUE(volume.mounted());
     const std::string deep = root.makeDirectory("deep");
-    makeChain(deep, 20000);
+    makeChain(deep, 100000);
     const std::string wide = root.makeDirectory("wide");
     for (int i = 0; i < 100000; ++i) touch(wide + "/" + std::to_string(i));
     // Deep branches that come back, again and again, to a directory whose descriptor was given up.

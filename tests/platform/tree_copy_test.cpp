@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "foundation/unique_descriptor.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
@@ -138,6 +139,7 @@ TEST(TreeCopyTest, RefusesAndLeavesTheSourceWhole) {
       {"a volume mounted inside", "m/holder", "m/copy1", EXDEV},
       {"a directory of the same volume mounted inside", "m/binder", "m/copy2", EXDEV},
       {"no space", "m/tree", "small/copy", ENOSPC},
+      {"no inodes", "m/tree", "few/copy", ENOSPC},
       {"no attributes there", "m/tree", "plain/copy", ENOTSUP},
       {"more than the size says", "/proc/version", "m/version", EBUSY},
       {"less than the size says", "/sys/kernel/mm/transparent_hugepage/enabled", "m/huge", EBUSY},
@@ -145,6 +147,7 @@ TEST(TreeCopyTest, RefusesAndLeavesTheSourceWhole) {
   EXPECT_TRUE(test::runInMountNamespace([&] {
     const Mount memory = Mount::tmpfs(root.makeDirectory("m"), "size=64m");
     const Mount small = Mount::tmpfs(root.makeDirectory("small"), "size=256k");
+    const Mount few = Mount::tmpfs(root.makeDirectory("few"), "nr_inodes=10");
     must(mount("plain", root.makeDirectory("plain").c_str(), "ramfs", 0, nullptr) == 0);
     buildTree(root / "m/tree");
     root.makeFile("m/file", "in the way");
@@ -218,9 +221,9 @@ TEST(TreeCopyTest, FailsWithWhateverCallFails) {
 }
 
 // Each level has a name of 200 bytes, so the paths are far beyond what a system call takes.
-TEST(TreeCopyTest, CopiesDeepTreesWithFewDescriptors) {
+TEST(TreeCopyTest, CopiesDeepTreesWithFewDescriptorsAndLittleStack) {
   REQUIRE_ROOT_AND_MOUNTS();
-  constexpr int kDepth = 5000;
+  constexpr int kDepth = 100000;
   const TemporaryRoot root;
   EXPECT_TRUE(test::runInMountNamespace([&] {
     const Mount memory = Mount::tmpfs(root.makeDirectory("m"));
@@ -246,8 +249,9 @@ TEST(TreeCopyTest, CopiesDeepTreesWithFewDescriptors) {
     }
     close(directory);
     close(linked);
-    rlimit limit{64, 64};
-    must(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+    const rlimit limit{64, 64};
+    const rlimit stack{rlim_t{256} << 10, rlim_t{256} << 10};
+    must(setrlimit(RLIMIT_NOFILE, &limit) == 0 && setrlimit(RLIMIT_STACK, &stack) == 0);
     ASSERT_EQ(copyTree(top, root / "m/copy"), 0);
 
     std::vector<ino_t> inodes;
@@ -264,6 +268,57 @@ TEST(TreeCopyTest, CopiesDeepTreesWithFewDescriptors) {
     close(directory);
     ASSERT_EQ(inodes.size(), 2U);
     EXPECT_EQ(inodes[0], inodes[1]);
+  }));
+}
+
+// Shapes that cost time out of proportion to what is in them, if each item were done by itself.
+TEST(TreeCopyTest, CopiesWideTreesLinkFarmsAndVastHoles) {
+  REQUIRE_ROOT_AND_MOUNTS();
+  constexpr int kWidth = 100000;
+  constexpr int kLevels = 20000;
+  constexpr off_t kVast = off_t{1} << 40;
+  const TemporaryRoot root;
+  EXPECT_TRUE(test::runInMountNamespace([&] {
+    const Mount memory = Mount::tmpfs(root.makeDirectory("m"));
+    writeAt(root.makeFile("m/tree/hole"), "end", kVast - 3);
+    const std::string farm = root.makeFile("m/tree/farm/0");
+    for (int i = 1; i < kWidth; ++i) {
+      must(link(farm.c_str(), (root / "m/tree/farm/" + std::to_string(i)).c_str()) == 0);
+    }
+    for (int i = 0; i < kWidth; ++i) {
+      const std::string path = root / "m/tree/" + std::to_string(i);
+      must(i % 2 == 0 ? mkdir(path.c_str(), 0755) == 0 : mknod(path.c_str(), S_IFREG, 0) == 0);
+    }
+    // Every level has a name of an item whose first name is at the bottom of the other chain.
+    std::vector<UniqueDescriptor> ends;
+    for (const char* chain : {"one", "two"}) {
+      ends.emplace_back(open(root.makeDirectory("m/chains").c_str(), O_PATH | O_CLOEXEC));
+      must(mkdirat(ends.back().get(), chain, 0755) == 0);
+      ends.back().reset(openat(ends.back().get(), chain, O_PATH | O_CLOEXEC));
+      for (int i = 0; i < kLevels; ++i) {
+        if (ends.size() == 2) must(linkat(ends[0].get(), "end", ends[1].get(), "end", 0) == 0);
+        must(mkdirat(ends.back().get(), "d", 0755) == 0);
+        ends.back().reset(openat(ends.back().get(), "d", O_PATH | O_CLOEXEC));
+      }
+      if (ends.size() == 1) must(mknodat(ends[0].get(), "end", S_IFREG | 0644, 0) == 0);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(copyTree(root / "m/tree", root / "m/copy"), 0);
+    ASSERT_EQ(copyTree(root / "m/chains", root / "m/chains of the copy"), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    struct stat status {};
+    ASSERT_EQ(lstat((root / "m/copy/hole").c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, kVast);
+    EXPECT_LT(status.st_blocks * 512, 1 << 20);
+    ASSERT_EQ(lstat((root / "m/copy/farm/77").c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, static_cast<nlink_t>(kWidth));
+    ASSERT_EQ(lstat((root / "m/chains of the copy/two/end").c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, static_cast<nlink_t>(kLevels + 1));
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(root / "m/copy")) {
+      count += entry.is_directory() || entry.is_regular_file() ? 1U : 0U;
+    }
+    EXPECT_EQ(count, size_t{kWidth} + 2);
   }));
 }
 
