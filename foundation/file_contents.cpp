@@ -9,19 +9,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/signal_retry.h"
 #include "foundation/unique_descriptor.h"
 
 namespace pallion {
 
 namespace {
-
-// Calls until no signal interrupts.
-template <class Call>
-auto retried(const Call& call) {
-  auto result = call();
-  while (result < 0 && errno == EINTR) result = call();
-  return result;
-}
 
 // Reads to the end, wherever that is by now: at `expected` bytes unless the file is being changed.
 // 0 or the errno.
@@ -30,7 +23,8 @@ int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& byte
   bytes.resize(expected + 1);
   size_t size = 0;
   while (true) {
-    const ssize_t got = retried([&] { return read(fd, bytes.data() + size, bytes.size() - size); });
+    const ssize_t got =
+        retriedAfterSignals([&] { return read(fd, bytes.data() + size, bytes.size() - size); });
     if (got < 0) return errno;
     size += static_cast<size_t>(got);
     if (size > maximumSize) return EFBIG;
@@ -44,7 +38,7 @@ int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& byte
 int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::string& bytes) {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
   const UniqueDescriptor file(
-      retried([&] { return open(url.fileSystemRepresentation(), kFlags); }));
+      retriedAfterSignals([&] { return open(url.fileSystemRepresentation(), kFlags); }));
   if (!file)
     return errno == ENXIO ? EINVAL : errno;  // ENXIO: a socket, or a device that isn't there
   struct stat status {};
@@ -60,12 +54,12 @@ int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::
 
 int writeAll(int fd, std::string_view bytes, Durability durability) {
   while (!bytes.empty()) {
-    const ssize_t written = retried([&] { return write(fd, bytes.data(), bytes.size()); });
+    const ssize_t written =
+        retriedAfterSignals([&] { return write(fd, bytes.data(), bytes.size()); });
     if (written < 0) return errno;
     bytes.remove_prefix(static_cast<size_t>(written));
   }
-  if (durability == Durability::kSynced && retried([&] { return fdatasync(fd); }) != 0)
-    return errno;
+  if (durability == Durability::kSynced && fdatasync(fd) != 0) return errno;
   return 0;
 }
 
@@ -132,8 +126,8 @@ int AtomicWrite::run() {
 }
 
 int AtomicWrite::writeUnnamed() {
-  const UniqueDescriptor file(
-      retried([&] { return openat(directory_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode_); }));
+  const UniqueDescriptor file(retriedAfterSignals(
+      [&] { return openat(directory_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode_); }));
   if (!file) {
     // Without support: EOPNOTSUPP; EISDIR, ENOENT and EINVAL from kernels and file systems that
     // don't know the flag.
@@ -193,9 +187,9 @@ bool AtomicWrite::isAtTemporaryName(const UniqueDescriptor& file) const {
 int AtomicWrite::writeNamed() {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   const UniqueDescriptor file(
-      retried([&] { return openat(directory_, temporary_.c_str(), kFlags, mode_); }));
+      retriedAfterSignals([&] { return openat(directory_, temporary_.c_str(), kFlags, mode_); }));
   if (!file) return errno == EEXIST ? removeLeftOver() : errno;
-  retried([&] { return flock(file.get(), LOCK_EX); });
+  retriedAfterSignals([&] { return flock(file.get(), LOCK_EX); });
   if (!isAtTemporaryName(file)) return kAgain;
   const int error = writeAll(file.get(), bytes_, durability_);
   if (error == 0) return renameOver();
@@ -206,11 +200,11 @@ int AtomicWrite::writeNamed() {
 int AtomicWrite::removeLeftOver() {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
   const UniqueDescriptor file(
-      retried([&] { return openat(directory_, temporary_.c_str(), kFlags); }));
+      retriedAfterSignals([&] { return openat(directory_, temporary_.c_str(), kFlags); }));
   if (!file && errno == ENOENT) return kAgain;  // its writer has come to an end
   if (file) {
     // Waits for a writer that is at work.
-    retried([&] { return flock(file.get(), LOCK_EX); });
+    retriedAfterSignals([&] { return flock(file.get(), LOCK_EX); });
     if (!isAtTemporaryName(file)) return kAgain;
   }
   return unlinkat(directory_, temporary_.c_str(), 0) == 0 || errno == ENOENT ? kAgain : errno;
@@ -236,7 +230,7 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   const URL parent = url.deletingLastPathComponent();
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   const UniqueDescriptor directory(
-      retried([&] { return open(parent.fileSystemRepresentation(), kFlags); }));
+      retriedAfterSignals([&] { return open(parent.fileSystemRepresentation(), kFlags); }));
   if (!directory) return errno;
   return AtomicWrite(directory.get(), name, bytes, durability, mode).run();
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "foundation/signal_retry.h"
 #include "platform/make_path.h"
 
 namespace pallion {
@@ -34,8 +35,8 @@ int LogFile::write(std::string_view line) {
   // More than one write only where the kernel took a part (a pipe, or a medium that is almost
   // full).
   while (!line.empty()) {
-    const ssize_t written = ::write(descriptor_, line.data(), line.size());
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written =
+        retriedAfterSignals([&] { return ::write(descriptor_, line.data(), line.size()); });
     if (written < 0) return errno;
     size_ += static_cast<uint64_t>(written);
     line.remove_prefix(static_cast<size_t>(written));

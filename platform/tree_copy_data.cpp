@@ -7,6 +7,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "foundation/signal_retry.h"
+
 namespace pallion {
 
 namespace {
@@ -31,8 +33,7 @@ bool isUnsupported(int number) {
 
 bool writeAll(int file, const char* data, size_t size, off_t offset) {
   while (size > 0) {
-    const ssize_t written = pwrite(file, data, size, offset);
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written = retriedAfterSignals([&] { return pwrite(file, data, size, offset); });
     if (written < 0) return false;
     data += written;
     size -= static_cast<size_t>(written);
@@ -81,8 +82,8 @@ bool DataCopy::copyWhole(int source, size_t size, int destination) {
   size_t filled = 0;
   do {
     // Always asks for more than is expected: getting exactly that is the end of the file.
-    const ssize_t count = read(source, buffer() + filled, kBufferSize - filled);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count =
+        retriedAfterSignals([&] { return read(source, buffer() + filled, kBufferSize - filled); });
     if (count < 0) return false;
     if (count == 0) break;
     filled += static_cast<size_t>(count);
@@ -113,8 +114,8 @@ bool DataCopy::copyRange(int source, int destination, off_t begin, off_t end) {
   if (begin < 0) return false;
   while (begin < end) {
     const size_t wanted = std::min(kBufferSize, static_cast<size_t>(end - begin));
-    const ssize_t count = pread(source, buffer(), wanted, begin);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count =
+        retriedAfterSignals([&] { return pread(source, buffer(), wanted, begin); });
     if (count < 0) return false;
     if (count == 0) return fail(EBUSY);
     if (!writeAll(destination, buffer(), static_cast<size_t>(count), begin)) return false;
@@ -128,14 +129,15 @@ off_t DataCopy::offload(int source, int destination, off_t begin, off_t end) {
     off_t from = begin;
     off_t to = begin;
     const auto wanted = static_cast<size_t>(std::min(end - begin, kLargestOffload));
-    const ssize_t count = copy_file_range(source, &from, destination, &to, wanted, 0);
+    const ssize_t count = retriedAfterSignals(
+        [&] { return copy_file_range(source, &from, destination, &to, wanted, 0); });
     // Nothing copied need not be the end of the file: some file systems just don't.
     if (count == 0) break;
     if (count > 0) {
       begin += count;
     } else if (isUnsupported(errno)) {
       mayOffload_ = false;
-    } else if (errno != EINTR) {
+    } else {
       return -1;
     }
   }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "foundation/signal_retry.h"
 #include "platform/text_escape.h"
 
 namespace pallion {
@@ -24,8 +25,8 @@ bool statusClosed = false;
 
 int writeFully(int descriptor, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t written = write(descriptor, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written =
+        retriedAfterSignals([&] { return write(descriptor, text.data(), text.size()); });
     if (written < 0) return errno;
     text.remove_prefix(static_cast<size_t>(written));
   }
