@@ -1,9 +1,12 @@
 #include "AppMigrator/app_migrator.h"
 
+#include <cstring>
+
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
 #include "foundation/error.h"
 #include "foundation/export.h"
+#include "foundation/file_contents.h"
 #include "foundation/property_list.h"
 
 namespace pallion {
@@ -29,8 +32,13 @@ bool PLAppMigrator::init() {
     if (!items->empty()) {
       logNotice(kFunction, "PLAppMigrator: %ld items to migrate", static_cast<long>(items->size()));
       _itemsToMigrate = std::move(items);
-      _installMap = readDictionaryFile(installMap);
-      if (!_installMap) {
+      int errorNumber = 0;
+      _installMap = readDictionaryFile(installMap, &errorNumber);
+      if (!_installMap && isReadFailure(errorNumber)) {
+        installMapIsUnreadable_ = true;
+        logError(kFunction, "PLAppMigrator: Failed to read old install map at %@ : %s",
+                 installMap.path(), std::strerror(errorNumber));
+      } else if (!_installMap) {
         logNotice(kFunction, "PLAppMigrator: Old install map not found at %@", installMap.path());
       } else if (const Value groups = _installMap->get("GroupContainers"); groups.asDictionary()) {
         _groupContainerMap = *groups.asDictionary();

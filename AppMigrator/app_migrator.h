@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "configuration/global_configuration.h"
+#include "file_operations/pending_moves.h"
 #include "foundation/url.h"
 #include "foundation/value.h"
 #include "platform/bundle.h"
@@ -59,8 +60,9 @@ class PLAppMigrator : public MigrationPluginBase {
   bool _migrateContainerWithInfo(const Dictionary& info);
 
   // data_container.cpp
+  // What crosses volumes is left to `moves`.
   bool _migrateDataContainerForIdentifier(const std::string& identifier, const URL& fromURL,
-                                          const URL& toURL);
+                                          const URL& toURL, PendingMoves& moves);
   bool _containerHasMissedItems(const URL& container, const std::string& identifier);
 
   // bundle_installation.cpp
@@ -78,7 +80,8 @@ class PLAppMigrator : public MigrationPluginBase {
   bool _migrateGroupContainersForIdentifier(const std::string& identifier);
   // False when the old container could not be listed, or when an item could not be moved and the
   // rest must stay.
-  bool _moveAllItemsInGroupContainerURL(const URL& fromURL, const URL& toGroupContainerURL);
+  bool _moveAllItemsInGroupContainerURL(const URL& fromURL, const URL& toGroupContainerURL,
+                                        PendingMoves& moves);
 
   // safe_harbors.cpp
   [[nodiscard]] URL safeHarborMapURL() const;
@@ -90,6 +93,7 @@ class PLAppMigrator : public MigrationPluginBase {
   std::optional<Dictionary> _installMap;
   std::optional<Dictionary> _harborMap;
   std::optional<Dictionary> _groupContainerMap;
+  bool installMapIsUnreadable_ = false;  // there is one, but reading it failed
 };
 
 }  // namespace pallion

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <sys/stat.h>
 
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/install_options.h"
@@ -13,6 +14,17 @@ namespace {
 
 constexpr char kFunction[] =
     "-[PLAppMigrator _stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]";
+
+// Takes a symbolic link away that stands where a directory of ours is to be: what follows would be
+// done to whatever it leads to. False when nothing stands there.
+bool takeLinkAway(const URL& directory) {
+  struct stat status {};
+  if (lstat(directory.fileSystemRepresentation(), &status) != 0) return false;
+  if (!S_ISLNK(status.st_mode)) return true;
+  logError(kFunction, "PLAppMigrator: Found symlink at %@ ; removing", directory.path());
+  PLFileManager::defaultManager().removeItemAtURL(directory, nullptr);
+  return false;
+}
 
 // Moves a bundle into the payload under its own name. A marker may name any path, so the name is
 // looked at first.
@@ -53,6 +65,7 @@ bool PLAppMigrator::_stageAndInstallBundleAtURL(const URL& bundle, const std::st
   const PLFileManager& files = PLFileManager::defaultManager();
   const URL staging = container.appending("Staging", URL::Kind::kDirectory);
   const URL payload = staging.appending("Payload", URL::Kind::kDirectory);
+  if (takeLinkAway(staging)) takeLinkAway(payload);
   Error error;
   if (!files.createDirectoryAtURL(payload, true, 0755, &error)) {
     logError(kFunction, "PLAppMigrator: Failed to create %@ : %@", payload, error);

@@ -81,23 +81,32 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
 
   logNotice(kFunction, "PLAppMigrator: Moving data from container %@ to %@", container.path(),
             dataContainer->path());
-  if (!_migrateDataContainerForIdentifier(identifier, container, *dataContainer)) return false;
+  PendingMoves moves;
+  if (!_migrateDataContainerForIdentifier(identifier, container, *dataContainer, moves))
+    return false;
 
-  bool result = true;
+  bool installed = true;
   if (!oldBundleIsPlaceholder) {
     std::optional<std::string> secondPath;
     if (secondBundle) secondPath = secondBundle->path();
     logNotice(kFunction, "PLAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
               identifier, bundle.path(), secondPath);
-    if (!_stageAndInstallBundleAtURL(bundle, identifier, secondBundle, container)) {
-      result = false;  // the user's data has left the container, so it goes all the same
-    } else if (!_migrateGroupContainersForIdentifier(identifier) ||
-               _containerHasMissedItems(container, identifier)) {
-      return false;
-    }
+    installed = _stageAndInstallBundleAtURL(bundle, identifier, secondBundle, container);
   }
+  // After the installation, whose sync serves data that was copied to another volume as well.
+  if (Error error; !moves.complete(&error)) {
+    logError(kFunction, "PLAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", container,
+             *dataContainer, identifier, error);
+    return false;
+  }
+  if (installed && !oldBundleIsPlaceholder &&
+      (!_migrateGroupContainersForIdentifier(identifier) ||
+       _containerHasMissedItems(container, identifier))) {
+    return false;
+  }
+  // Also without the bundle: the user's data has left the container.
   removeContainer(container, marker, identifier);
-  return result;
+  return installed;
 }
 
 }  // namespace pallion

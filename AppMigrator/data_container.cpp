@@ -7,19 +7,28 @@
 namespace pallion {
 
 bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
-                                                       const URL& fromURL, const URL& toURL) {
+                                                       const URL& fromURL, const URL& toURL,
+                                                       PendingMoves& moves) {
   constexpr char kFunction[] = "-[PLAppMigrator _migrateDataContainerForIdentifier:fromURL:toURL:]";
   const PLFileManager& files = PLFileManager::defaultManager();
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const URL source = fromURL.appending(name, URL::Kind::kDirectory);
     const URL destination = toURL.appending(name, URL::Kind::kDirectory);
-    if (!files.itemExistsAtURL(source)) continue;
+    if (!files.itemExistsAtURL(source)) {
+      if (files.itemDoesNotExistAtURL(source)) continue;
+      // Not to be seen just now is not absent, and what is left here may go with the container.
+      logError(kFunction, "PLAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", source,
+               destination, identifier, Error());
+      moves.complete(nullptr);
+      return false;
+    }
     // The old item replaces the installer's as a whole; a removal that failed shows in the move.
     files.removeItemAtURL(destination, nullptr);
     Error error;
-    if (!files.moveItemIfExistsAtURL(source, destination, &error)) {
+    if (!moves.moveItemIfExistsAtURL(source, destination, &error)) {
       logError(kFunction, "PLAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", source,
                destination, identifier, error);
+      moves.complete(nullptr);  // what was moved before stays moved
       return false;
     }
   }

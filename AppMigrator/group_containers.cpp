@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <filesystem>
+
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
@@ -6,8 +9,28 @@
 
 namespace pallion {
 
+namespace {
+
+// Whether the old container is the new one or lies in it, as a damaged map may have it: then what
+// has to make room in the new container would be what is to be moved.
+bool liesInside(const URL& oldURL, const URL& newURL) {
+  namespace fs = std::filesystem;
+  std::error_code failed;
+  const fs::path from = fs::canonical(oldURL.fileSystemRepresentation(), failed);
+  if (failed) return false;
+  const fs::path to = fs::canonical(newURL.fileSystemRepresentation(), failed);
+  return !failed && std::mismatch(to.begin(), to.end(), from.begin(), from.end()).first == to.end();
+}
+
+}  // namespace
+
 bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& identifier) {
   constexpr char kFunction[] = "-[PLAppMigrator _migrateGroupContainersForIdentifier:]";
+  if (installMapIsUnreadable_) {
+    // Its container stays, and with it the map, for a run that can read it.
+    logError(kFunction, "PLAppMigrator: Group containers of %@ are not known", identifier);
+    return false;
+  }
   if (!_groupContainerMap || _groupContainerMap->empty()) return true;
   const PLFileManager& files = PLFileManager::defaultManager();
   const std::optional<BundleProxy> proxy = BundleProxy::bundleProxyForIdentifier(identifier);
@@ -25,6 +48,13 @@ bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
     return true;
   }
 
+  struct Group {
+    std::string identifier;
+    URL from;
+    URL to;
+  };
+  std::vector<Group> moved;
+  PendingMoves moves;
   for (const auto& [group, newURL] : *proxy->groupContainerURLs()) {
     const Value entry = _groupContainerMap->get(group);
     if (!entry.asDictionary()) {
@@ -43,21 +73,37 @@ bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
       logError(kFunction, "PLAppMigrator: Missing source group container at %@", oldURL.path());
       continue;
     }
+    if (liesInside(oldURL, newURL)) {
+      logError(kFunction, "PLAppMigrator: Source group container at %@ lies in its destination %@",
+               oldURL.path(), newURL.path());
+      continue;
+    }
     logNotice(kFunction, "PLAppMigrator: Migrating group container %@ at %@ to %@", group, oldURL,
               newURL);
-    if (!_moveAllItemsInGroupContainerURL(oldURL, newURL)) continue;
-    _groupContainerMap->remove(group);
-    Error error;
-    if (!files.removeItemAtURL(oldURL, &error)) {
+    if (_moveAllItemsInGroupContainerURL(oldURL, newURL, moves))
+      moved.push_back({group, oldURL, newURL});
+  }
+
+  Error error;
+  const bool completed = moves.complete(&error);
+  for (const Group& group : moved) {
+    if (!completed) {
+      logError(kFunction, "PLAppMigrator: Failed to move item %@ to %@ : %@", group.from.path(),
+               group.to.path(), error);
+      continue;
+    }
+    _groupContainerMap->remove(group.identifier);
+    if (!files.removeItemAtURL(group.from, &error)) {
       logError(kFunction, "PLAppMigrator: Failed to remove old group container at %@ : %@",
-               oldURL.path(), error);
+               group.from.path(), error);
     }
   }
   return true;
 }
 
 bool PLAppMigrator::_moveAllItemsInGroupContainerURL(const URL& fromURL,
-                                                     const URL& toGroupContainerURL) {
+                                                     const URL& toGroupContainerURL,
+                                                     PendingMoves& moves) {
   constexpr char kFunction[] =
       "-[PLAppMigrator _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
   const PLFileManager& files = PLFileManager::defaultManager();
@@ -76,7 +122,7 @@ bool PLAppMigrator::_moveAllItemsInGroupContainerURL(const URL& fromURL,
       continue;  // carried over by an interrupted run; goes with the container
     const URL destination = toGroupContainerURL.appending(name, URL::Kind::kFile);
     files.removeItemAtURL(destination, nullptr);
-    if (!files.moveItemIfExistsAtURL(item, destination, &error)) {
+    if (!moves.moveItemIfExistsAtURL(item, destination, &error)) {
       logError(kFunction, "PLAppMigrator: Failed to move item %@ to %@ : %@", item.path(),
                destination.path(), error);
       allMoved = false;

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <deque>
+#include <set>
 
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/container_info.h"
@@ -13,6 +14,29 @@ namespace {
 
 constexpr char kRunFunction[] = "-[PLAppMigrator performMigration]";
 constexpr std::string_view kApplicationsLocationNote = "WhereDidMyApplicationsGo.txt";
+
+// Whether `path` names `directory`, or with `below` an item directly in it, letter for letter.
+bool isPlace(std::string_view path, const URL& directory, bool below) {
+  const auto withoutSlash = [](std::string_view text) {
+    return text.ends_with('/') ? text.substr(0, text.size() - 1) : text;
+  };
+  path = withoutSlash(path);
+  if (below) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos) return false;
+    path = path.substr(0, slash);
+  }
+  return path == withoutSlash(directory.fileSystemRepresentation());
+}
+
+// A marker may say anything. What speaks of another place than the container in which it lies is
+// not acted on: it would move or remove what belongs to somebody else.
+bool speaksOf(const Dictionary& info, const URL& container) {
+  const std::string* second = info.getString(kSecondBundlePathKey);
+  return isPlace(*info.getString(kContainerPathKey), container, false) &&
+         isPlace(*info.getString(kBundlePathKey), container, true) &&
+         (!second || isPlace(*second, container, true));
+}
 
 }  // namespace
 
@@ -43,7 +67,11 @@ bool PLAppMigrator::migrateContainers() {
   if (!_itemsToMigrate) return true;
   const auto countItem = [this] { _countItemsMigrated.fetch_add(1, std::memory_order_relaxed); };
 
-  std::deque<Dictionary> results;
+  struct Container {
+    URL url;
+    Dictionary info;
+  };
+  std::deque<Container> results;
   for (const URL& item : *_itemsToMigrate) {
     logNotice(kRunFunction, "PLAppMigrator: Introspecting %@", item.path());
     if (item.lastPathComponent() == kApplicationsLocationNote) {
@@ -56,19 +84,31 @@ bool PLAppMigrator::migrateContainers() {
     if (!info) {
       countItem();
     } else if (early) {
-      results.push_front(std::move(*info));
+      results.push_front({item, std::move(*info)});
     } else {
-      results.push_back(std::move(*info));
+      results.push_back({item, std::move(*info)});
     }
   }
 
   bool allMigrated = true;
-  for (const Dictionary& info : results) {
+  std::set<std::string> identifiers;  // of the containers that were begun
+  for (const auto& [container, info] : results) {
     const Value identifier = info.get(kBundleIdentifierKey);
     const Value path = info.get(kBundlePathKey);
     logNotice(kRunFunction, "PLAppMigrator: Migrating %@ at %@", identifier, path);
-    itemStarted(*identifier.asString(), *info.getString(kContainerPathKey));
-    const bool migrated = _migrateContainerWithInfo(info);
+    itemStarted(*identifier.asString(), container.path());
+    bool migrated = false;
+    if (!speaksOf(info, container)) {
+      logError(kRunFunction, "PLAppMigrator: Migration marker of %@ speaks of another place",
+               container.path());
+    } else if (!identifiers.insert(*identifier.asString()).second) {
+      // Its data would replace what the other container's data has just become.
+      logError(kRunFunction,
+               "PLAppMigrator: Another container of %@ was migrated already; skipping %@",
+               identifier, container.path());
+    } else {
+      migrated = _migrateContainerWithInfo(info);
+    }
     if (!migrated) {
       logError(kRunFunction, "PLAppMigrator: Migration of %@ at %@ failed", identifier, path);
       allMigrated = false;

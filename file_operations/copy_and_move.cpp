@@ -2,9 +2,11 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
+#include <utility>
 
 #include "file_operations/error_makers.h"
 #include "file_operations/file_manager.h"
+#include "file_operations/pending_moves.h"
 #include "platform/product_log.h"
 #include "platform/set_aside.h"
 #include "platform/tree_copy.h"
@@ -12,6 +14,8 @@
 namespace pallion {
 
 namespace {
+
+constexpr char kMove[] = "-[PLFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
 
 enum class Source { kPresent, kMissing, kUnknown };
 
@@ -32,20 +36,6 @@ bool failCopy(Error* error, const char* function, int number, const URL& source,
                    destination, std::strerror(number));
 }
 
-// Takes away what has been copied. The rename comes first: from then on nobody takes a half-removed
-// source for the item, whenever the process dies.
-bool discardMoveSource(const URL& source, Error* error, const char* function) {
-  std::string asidePath;
-  if (setAside(source.fileSystemRepresentation(), asidePath) != 0) {
-    const int number = errno;
-    return failPOSIX(error, function, __LINE__, number, "setting aside %@ failed: %s", source,
-                     std::strerror(number));
-  }
-  return PLFileManager::defaultManager().removeItemAtURL(
-      URL::fileURL(asidePath, source.isDirectory() ? URL::Kind::kDirectory : URL::Kind::kFile),
-      error);
-}
-
 }  // namespace
 
 bool PLFileManager::_copyItemAtURL(const URL& source, const URL& destination, bool failIfSrcMissing,
@@ -64,30 +54,55 @@ bool PLFileManager::_copyItemAtURL(const URL& source, const URL& destination, bo
 
 bool PLFileManager::_moveItemAtURL(const URL& source, const URL& destination, bool failIfSrcMissing,
                                    Error* error) const {
-  constexpr char kFunction[] = "-[PLFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
+  PendingMoves move;
+  return move._moveItemAtURL(source, destination, failIfSrcMissing, error) && move.complete(error);
+}
+
+bool PendingMoves::_moveItemAtURL(const URL& source, const URL& destination, bool failIfSrcMissing,
+                                  Error* error) {
   if (!failIfSrcMissing) {
-    const Source state = sourceState(source, error, kFunction);
+    const Source state = sourceState(source, error, kMove);
     if (state != Source::kPresent) return state == Source::kMissing;
   }
   if (rename(source.fileSystemRepresentation(), destination.fileSystemRepresentation()) == 0)
     return true;
   if (errno != EXDEV) {
     const int number = errno;
-    return failPOSIX(error, kFunction, __LINE__, number, "rename of %@ to %@ failed: %s", source,
+    return failPOSIX(error, kMove, __LINE__, number, "rename of %@ to %@ failed: %s", source,
                      destination, std::strerror(number));
   }
-  if (!_copyItemAtURL(source, destination, true, error)) return false;
-  // The copy must be on its medium before the source goes. A failed sync may have dropped pages for
-  // good, so it is not tried again: the source stays, and a later move copies anew.
-  if (TreeCopy::current().syncVolume(destination.fileSystemRepresentation()) != 0) {
-    return failCopy(error, kFunction, errno, source, destination);
-  }
-  Error removal;
-  if (!discardMoveSource(source, &removal, kFunction)) {
-    LogWrite(kLogError, kFunction, "Failed to remove move source after copy at %@ : %@",
-             source.path(), removal);
-  }
+  if (!PLFileManager::defaultManager().copyItemAtURL(source, destination, error)) return false;
+  copied_.push_back({source, destination});
   return true;
+}
+
+bool PendingMoves::complete(Error* error) {
+  const std::vector<Move> copied = std::exchange(copied_, {});
+  for (const Move& move : copied) {
+    if (TreeCopy::current().syncCopies(move.destination.fileSystemRepresentation()) != 0)
+      return failCopy(error, kMove, errno, move.source, move.destination);
+  }
+  for (const Move& move : copied) discardSource(move.source);
+  return true;
+}
+
+// The rename comes first: from then on nobody takes a half-removed source for the item, whenever
+// the process dies.
+void PendingMoves::discardSource(const URL& source) {
+  Error error;
+  std::string asidePath;
+  if (setAside(source.fileSystemRepresentation(), asidePath) != 0) {
+    const int number = errno;
+    failPOSIX(&error, kMove, __LINE__, number, "setting aside %@ failed: %s", source,
+              std::strerror(number));
+  } else if (PLFileManager::defaultManager().removeItemAtURL(
+                 URL::fileURL(asidePath,
+                              source.isDirectory() ? URL::Kind::kDirectory : URL::Kind::kFile),
+                 &error)) {
+    return;
+  }
+  LogWrite(kLogError, kMove, "Failed to remove move source after copy at %@ : %@", source.path(),
+           error);
 }
 
 }  // namespace pallion

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fts.h>
 #include <functional>
 #include <optional>
 #include <sys/types.h>
@@ -12,6 +11,8 @@
 #include "foundation/value.h"
 
 namespace pallion {
+
+struct TreeWalkEntry;
 
 // File operations with exact error records. One object for the process, without state: every
 // operation may be called from any thread, and calls do not know of each other.
@@ -63,10 +64,9 @@ class PLFileManager {
   // copy's destination. The IfExists forms succeed without doing anything when the source is not
   // there.
   //
-  // A move across volumes copies, puts the copy on its medium, sets the source aside under a name
-  // of its own in its directory (platform/set_aside.h) and removes it; when that fails the move
-  // still counts as done and a line at level 3 says so. A copy that fails, or can't be put on its
-  // medium, leaves the source whole.
+  // A move across volumes copies, puts the copy on its medium, and takes the source away; see
+  // PendingMoves::complete. A copy that fails, or can't be put on its medium, leaves the source
+  // whole.
   bool copyItemIfExistsAtURL(const URL& source, const URL& destination, Error* error) const {
     return _copyItemAtURL(source, destination, false, error);
   }
@@ -134,7 +134,7 @@ class PLFileManager {
 
   // Walks a tree, directories before and after their contents; ends when the callback answers
   // false. The callback's record stays until a later one replaces it.
-  using TraversalCallback = std::function<bool(const FTSENT& entry, Error* error)>;
+  using TraversalCallback = std::function<bool(const TreeWalkEntry& entry, Error* error)>;
   bool _traverseDirectory(const URL& root, Error* error, const TraversalCallback& callback) const;
 
   // The depth of a path counted from `startingDepth`: ".." is one less, any other name one more.

@@ -31,6 +31,12 @@ class TreeCopy {
   // lost.
   virtual int syncVolume(const char* path) = 0;
 
+  // The same for the copies only: makes no call when the volume was synced, by this operation or
+  // the one above, since `copy` last wrote to it. When such a sync failed, that is told here once
+  // (EIO) and not tried again, since the kernel may have dropped the pages and a second attempt
+  // would succeed without them.
+  virtual int syncCopies(const char* path) = 0;
+
   // The seam; see RecursiveRemove.
   static TreeCopy& current();
   static TreeCopy* replace(TreeCopy* replacement);

@@ -95,10 +95,11 @@ TEST(CopyAndMove, AcrossVolumesTheCopyIsDurableBeforeTheSourceGoes) {
         if (failCopy) return errno = ENOSPC, -1;
         return system().copy(source, destination);
       }
-      int syncVolume(const char* path) override {
+      int syncVolume(const char* path) override { return system().syncVolume(path); }
+      int syncCopies(const char* path) override {
         calls += "sync ";
         if (failSync) return errno = EIO, -1;
-        return system().syncVolume(path);
+        return system().syncCopies(path);
       }
       std::string calls;
       bool failCopy = false;

@@ -113,6 +113,7 @@ class FailingCopy : public TreeCopy {
     errno = EIO;
     return -1;
   }
+  int syncCopies(const char* path) override { return system().syncCopies(path); }
   int failsAt = 0;
 };
 
