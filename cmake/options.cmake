@@ -4,6 +4,13 @@ if(NOT CMAKE_BUILD_TYPE)
 endif()
 set(PALLION_SANITIZE "" CACHE STRING "Sanitizers: 'address,undefined', 'thread' or none")
 
+option(PALLION_FUZZ "Build the fuzz targets for libFuzzer (clang only; see the preset fuzz)" OFF)
+if(PALLION_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+option(PALLION_COVERAGE "Count what of the product's four folders is run (g++ only; see ./dev coverage)" OFF)
+
 # Warnings, visibility and hardening that every target of ours is built with.
 function(pallion_target target)
   target_compile_options(${target} PRIVATE
@@ -26,6 +33,8 @@ function(pallion_target target)
     # Fortification and the sanitizers' interceptors exclude each other.
     target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
   endif()
-  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,defs
+  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+    # clang has the sanitizers in programs only, and libraries that miss them until then.
+    $<$<NOT:$<BOOL:${PALLION_FUZZ}>>:-Wl,-z,defs>
     $<$<STREQUAL:$<TARGET_PROPERTY:${target},TYPE>,EXECUTABLE>:-pie>)
 endfunction()

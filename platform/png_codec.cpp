@@ -13,9 +13,6 @@ namespace pallion {
 namespace {
 
 constexpr size_t kBytesPerPixel = 4;
-// For compressed ancillary chunks (colour profiles, texts), which unfold before they are dropped.
-constexpr png_alloc_size_t kChunkMaximumSize = 1 << 20;
-constexpr png_uint_32 kChunkMaximumCount = 64;
 
 [[noreturn]] void fail(png_structp png, png_const_charp) { png_longjmp(png, 1); }
 void ignoreWarning(png_structp, png_const_charp) {}
@@ -56,8 +53,9 @@ struct Writer {
 bool readHeader(png_structp png, png_infop info, std::string_view* rest) {
   if (setjmp(png_jmpbuf(png))) return false;
   png_set_user_limits(png, kIconMaximumSide, kIconMaximumSide);
-  png_set_chunk_malloc_max(png, kChunkMaximumSize);
-  png_set_chunk_cache_max(png, kChunkMaximumCount);
+  // Colour profiles, texts and all else that the pixels can do without: libpng would take as much
+  // memory for such a chunk as its length claims, and then unfold it.
+  png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, -1);
   png_set_read_fn(png, rest, readFromView);
   png_read_info(png, info);
   png_set_expand(png);  // palettes, fewer than 8 bits, and the transparent colour

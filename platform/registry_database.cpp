@@ -81,6 +81,17 @@ class RegistryDatabase::Run {
                                static_cast<size_t>(sqlite3_column_bytes(statement_, column)))
                  : std::string();
   }
+  // A directory's name. What is no plain name is joined to no path: the database is damaged.
+  enum class MayBeEmpty { kNo, kYes };
+  [[nodiscard]] std::string name(int column, MayBeEmpty mayBeEmpty = MayBeEmpty::kNo) {
+    std::string name = text(column);
+    const bool good = isPlainName(name) || (name.empty() && mayBeEmpty == MayBeEmpty::kYes);
+    if (!good && !failed_) {
+      failed_ = true;
+      database_.fail("a record holds what is no directory's name");
+    }
+    return name;
+  }
   [[nodiscard]] int64_t integer(int column) const {
     return sqlite3_column_int64(statement_, column);
   }
@@ -97,6 +108,19 @@ class RegistryDatabase::Run {
   int bound_ = 0;
   bool failed_ = false;
 };
+
+// The row that `run` is at, with the type in `column` and the others behind it.
+BundleRow RegistryDatabase::bundleRow(const std::string& identifier, Run& run, int column) {
+  const std::string container = run.name(column + 2, Run::MayBeEmpty::kYes);
+  const auto withoutBundle = container.empty() ? Run::MayBeEmpty::kYes : Run::MayBeEmpty::kNo;
+  return {identifier,
+          run.text(column),
+          run.name(column + 1),
+          container,
+          run.name(column + 3, withoutBundle),
+          run.integer(column + 4) != 0,
+          run.text(column + 5)};
+}
 
 std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path, Access access,
                                                          IfEmpty ifEmpty, Outcome& failure) {
@@ -158,14 +182,18 @@ bool RegistryDatabase::connect(int flags, const char* parameters) {
 
 bool RegistryDatabase::examine(bool& empty) {
   int64_t version = 0;
-  int64_t tables = 0;
-  if (!queryInteger("PRAGMA user_version", version) ||
-      !queryInteger("SELECT count(*) FROM sqlite_schema", tables)) {
-    return false;
+  if (!queryInteger("PRAGMA user_version", version)) return false;
+  std::string tables;
+  {
+    Run schema(*this, "SELECT ifnull(group_concat(sql, ';') || ';', '') FROM sqlite_schema");
+    if (!schema.next()) return false;
+    tables = schema.text(0);
   }
-  empty = version == 0 && tables == 0;
+  empty = version == 0 && tables.empty();
   if (empty) return true;
   if (version != kSchemaVersion) return fail("unknown version " + std::to_string(version));
+  // A trigger or a view would act and answer in a table's place.
+  if (tables != kTables) return fail("unknown tables");
   Run check(*this, "PRAGMA quick_check(1)");
   if (!check.next()) return false;
   const std::string finding = check.text(0);
@@ -232,8 +260,7 @@ bool RegistryDatabase::findBundle(const std::string& identifier, std::optional<B
           "SELECT type, data, container, bundle, placeholder, version FROM bundles WHERE "
           "identifier = ?");
   if (run.bind(identifier).next()) {
-    row = BundleRow{identifier,  run.text(0),         run.text(1), run.text(2),
-                    run.text(3), run.integer(4) != 0, run.text(5)};
+    row = bundleRow(identifier, run, 0);
   }
   return run.succeeded();
 }
@@ -243,8 +270,7 @@ bool RegistryDatabase::allBundles(std::vector<BundleRow>& rows) {
           "SELECT identifier, type, data, container, bundle, placeholder, version FROM bundles"
           " ORDER BY identifier");
   while (run.next()) {
-    rows.push_back({run.text(0), run.text(1), run.text(2), run.text(3), run.text(4),
-                    run.integer(5) != 0, run.text(6)});
+    rows.push_back(bundleRow(run.text(0), run, 1));
   }
   return run.succeeded();
 }
@@ -271,13 +297,13 @@ bool RegistryDatabase::findGroup(const std::string& identifier,
                                  std::optional<std::string>& container) {
   container.reset();
   Run run(*this, "SELECT container FROM groups WHERE identifier = ?");
-  if (run.bind(identifier).next()) container = run.text(0);
+  if (run.bind(identifier).next()) container = run.name(0);
   return run.succeeded();
 }
 
 bool RegistryDatabase::allGroups(std::vector<GroupRow>& rows) {
   Run run(*this, "SELECT identifier, container FROM groups");
-  while (run.next()) rows.push_back({run.text(0), run.text(1)});
+  while (run.next()) rows.push_back({run.text(0), run.name(1)});
   return run.succeeded();
 }
 
@@ -293,7 +319,7 @@ bool RegistryDatabase::groupsOfBundle(const std::string& bundle, std::vector<Gro
           "SELECT identifier, container FROM memberships JOIN groups ON identifier = member_of"
           " WHERE bundle = ? ORDER BY identifier");
   run.bind(bundle);
-  while (run.next()) rows.push_back({run.text(0), run.text(1)});
+  while (run.next()) rows.push_back({run.text(0), run.name(1)});
   return run.succeeded();
 }
 
@@ -312,7 +338,8 @@ bool RegistryDatabase::storeGroupsOfBundle(const std::string& bundle,
 bool RegistryDatabase::allTrash(std::vector<TrashRow>& rows) {
   Run run(*this, "SELECT uuid, kind, successor FROM trash");
   while (run.next())
-    rows.push_back({run.text(0), static_cast<TrashRow::Kind>(run.integer(1)), run.text(2)});
+    rows.push_back({run.name(0), static_cast<TrashRow::Kind>(run.integer(1)),
+                    run.name(2, Run::MayBeEmpty::kYes)});
   return run.succeeded();
 }
 
@@ -332,7 +359,7 @@ bool RegistryDatabase::findHarbor(const std::string& identifier, std::optional<H
   row.reset();
   Run run(*this, "SELECT uuid, source, type FROM harbors WHERE identifier = ?");
   if (run.bind(identifier).next()) {
-    row = HarborRow{run.text(0), identifier, run.text(1), static_cast<int>(run.integer(2))};
+    row = HarborRow{run.name(0), identifier, run.text(1), static_cast<int>(run.integer(2))};
   }
   return run.succeeded();
 }
@@ -340,7 +367,7 @@ bool RegistryDatabase::findHarbor(const std::string& identifier, std::optional<H
 bool RegistryDatabase::readHarbors(const char* sql, std::vector<HarborRow>& rows) {
   Run run(*this, sql);
   while (run.next())
-    rows.push_back({run.text(0), run.text(1), run.text(2), static_cast<int>(run.integer(3))});
+    rows.push_back({run.name(0), run.text(1), run.text(2), static_cast<int>(run.integer(3))});
   return run.succeeded();
 }
 

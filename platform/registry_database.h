@@ -49,8 +49,9 @@ struct HarborRow {
 };
 
 // The registry's SQLite database: all of its SQL and durability settings. A committed transaction
-// survives power loss, at the price of one fdatasync. Every operation answers false when it failed;
-// failure() then tells why. One thread at a time.
+// survives power loss, at the price of one fdatasync. Every operation answers false when it failed,
+// also for a record whose directories have no plain names; failure() then tells why. One thread at
+// a time.
 //
 // The write-ahead log is emptied only by truncation, so that a commit always makes the file longer.
 // On ext4 and XFS, syncing a file whose size changed writes the journal out, and with it every
@@ -115,6 +116,7 @@ class RegistryDatabase {
   bool queryInteger(const char* sql, int64_t& number);
   bool fail();  // with the connection's last error
   bool fail(const std::string& cause);
+  static BundleRow bundleRow(const std::string& identifier, Run& run, int column);
   bool readHarbors(const char* sql, std::vector<HarborRow>& rows);
 
   std::string path_;
