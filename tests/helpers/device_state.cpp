@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 
 #include "file_operations/file_manager.h"
 #include "foundation/format.h"
@@ -28,10 +29,27 @@ TreeSnapshot withoutTop(TreeSnapshot snapshot) {
   return snapshot;
 }
 
+bool isBundleName(const std::string& name) {
+  return name.ends_with(".app") || name.ends_with(".vpnplugin");
+}
+
 size_t entriesOf(const std::string& directory) {
   std::error_code error;
   return static_cast<size_t>(
       std::distance(fs::directory_iterator(directory, error), fs::directory_iterator()));
+}
+
+// Calls `found` with every directory entry at exactly `depth` levels below `directory`.
+void entriesBelow(const std::string& directory, int depth,
+                  const std::function<void(const fs::path&)>& found) {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(directory, error)) {
+    if (depth == 1) {
+      found(entry.path());
+    } else if (entry.is_directory(error) && !entry.is_symlink(error)) {
+      entriesBelow(entry.path(), depth - 1, found);
+    }
+  }
 }
 
 std::vector<std::string> groupsOf(const Dictionary& info) {
@@ -56,6 +74,9 @@ DeviceState::DeviceState(const std::string& root) {
       for (const auto& [identifier, entry] : *groups.asDictionary()) {
         groups_[*identifier.asString()] =
             withoutTop(snapshotTree(prefix + *entry.asDictionary()->getString("Container")));
+        entriesBelow(
+            prefix + *entry.asDictionary()->getString("Container"), 1,
+            [this](const fs::path& path) { items_.emplace(path.filename(), snapshotTree(path)); });
       }
     }
   }
@@ -64,6 +85,7 @@ DeviceState::DeviceState(const std::string& root) {
     for (const auto& [identifier, entry] : *harbors) {
       harbors_[*identifier.asString()] =
           snapshotTree(prefix + *entry.asDictionary()->getString("HarborPathKey"));
+      items_.emplace("", harbors_[*identifier.asString()]);
     }
   }
 }
@@ -75,6 +97,8 @@ void DeviceState::readBundle(const std::string& path, Application& application) 
       URL::fileURL(path, URL::Kind::kDirectory));
   application.bundleName = fs::path(path).filename();
   application.bundle = withoutTop(snapshotTree(path));
+  // A placeholder's bundle is only the installer's to make.
+  if (!application.placeholder) items_.emplace(application.bundleName, application.bundle);
   const std::string* identifier = info.getString(kQXBundleIdentifier);
   if (identifier) applications_[*identifier] = application;
 }
@@ -82,7 +106,9 @@ void DeviceState::readBundle(const std::string& path, Application& application) 
 void DeviceState::readContainer(const std::string& container) {
   Application main;
   for (const char* name : kUserData) {
-    if (exists(container + "/" + name)) main.userData[name] = snapshotTree(container + "/" + name);
+    if (!exists(container + "/" + name)) continue;
+    main.userData[name] = snapshotTree(container + "/" + name);
+    items_.emplace(name, main.userData[name]);
   }
   for (const char* name : kMetadata) {
     if (exists(container + "/" + name)) main.metadata[name] = readAll(container + "/" + name);
@@ -102,6 +128,72 @@ void DeviceState::readContainer(const std::string& container) {
     own.type = "VPNBundle";
     readBundle(plugin, own);
   }
+}
+
+std::string DeviceState::missingBelow(const std::string& root, Whole whole) const {
+  Items standing;
+  const auto add = [&standing](const fs::path& path) {
+    const std::string name = path.filename();
+    standing.emplace(name,
+                     isBundleName(name) ? withoutTop(snapshotTree(path)) : snapshotTree(path));
+  };
+  const std::string containers = root + kContainers;
+  entriesBelow(root + kMobile + "/Applications", 2, add);
+  entriesBelow(root + kMobile + "/Library/GroupContainers", 2, add);
+  entriesBelow(containers + "/Data", 2, add);
+  entriesBelow(containers + "/Group", 2, add);
+  entriesBelow(containers + "/Bundle", 2, add);
+  entriesBelow(root + kMobile + "/Applications", 4, [&add](const fs::path& path) {
+    if (path.parent_path().filename() == "Payload") add(path);
+  });
+  entriesBelow(containers + "/Incoming", 2, add);
+  entriesBelow(containers, 4, [&add](const fs::path& path) {
+    if (path.parent_path().filename() == "Payload") add(path);
+  });
+  const auto addHarbor = [&standing](const fs::path& path) {
+    standing.emplace("", snapshotTree(path));
+  };
+  entriesBelow(root + kMobile + "/Library/Pallion/SafeHarbors", 1, addHarbor);
+  entriesBelow(root + "/private/var/palliond/Library/Pallion/SafeHarbors", 1, addHarbor);
+
+  std::string missing;
+  for (const auto& [name, tree] : items_) {
+    if (whole == Whole::kUserData && isBundleName(name)) continue;
+    const auto [begin, end] = standing.equal_range(name);
+    if (std::none_of(begin, end, [&tree](const auto& item) { return item.second == tree; }))
+      missing += "nowhere whole: " + (name.empty() ? "a harbor" : name) + ", " +
+                 std::to_string(tree.size()) + " items\n";
+  }
+  return missing;
+}
+
+std::string registryText(const std::string& root) {
+  const auto registry =
+      Registry::atRoot(URL::fileURL(root, URL::Kind::kDirectory), Registry::Access::kReadOnly);
+  Error error;
+  const auto proxies = registry->allProxies(&error);
+  const auto harbors = registry->allSafeHarbors(&error);
+  if (!proxies || !harbors) return "no registry: " + description(error);
+  std::string text;
+  const auto flag = [](bool value, const char* name) {
+    return value ? std::string(" ") + name : std::string();
+  };
+  for (const BundleProxy& proxy : *proxies) {
+    text += proxy.bundleIdentifier() + " " + proxy.bundleType() + " version " + proxy.version() +
+            flag(proxy.isPlaceholder(), "placeholder") + flag(proxy.isBuiltIn(), "built-in") +
+            flag(proxy.foundBackingBundle(), "backed") +
+            flag(proxy.bundleURL().has_value(), "bundle") +
+            flag(proxy.dataContainerURL().has_value(), "data");
+    if (proxy.groupContainerURLs()) {
+      for (const auto& group : *proxy.groupContainerURLs()) text += " " + group.first;
+    }
+    text += "\n";
+  }
+  for (const SafeHarborRecord& harbor : *harbors) {
+    text +=
+        "harbor " + harbor.identifier + " of type " + std::to_string(harbor.containerType) + "\n";
+  }
+  return text;
 }
 
 std::string DeviceState::differenceAfterMigration(const std::string& root) const {

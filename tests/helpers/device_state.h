@@ -20,6 +20,13 @@ class DeviceState {
   // readable list of what is wrong.
   [[nodiscard]] std::string differenceAfterMigration(const std::string& root) const;
 
+  // Empty when every item, be it of an application's data, of a group or a harbor, and every bundle
+  // stands whole below `root`, in the old layout, on its way or in the new one; otherwise the items
+  // that stand nowhere whole. True at every instant of a migration.
+  enum class Whole { kEverything, kUserData };  // without the bundles
+  [[nodiscard]] std::string missingBelow(const std::string& root,
+                                         Whole whole = Whole::kEverything) const;
+
   [[nodiscard]] size_t applications() const { return applications_.size(); }
 
  private:
@@ -35,9 +42,16 @@ class DeviceState {
   void readContainer(const std::string& container);
   void readBundle(const std::string& path, Application& application);
 
+  // Each item that has to stay whole: its name, and what it holds.
+  using Items = std::multimap<std::string, TreeSnapshot>;
+
+  Items items_;
   std::map<std::string, Application> applications_;  // by identifier
   std::map<std::string, TreeSnapshot> groups_;       // by identifier
   std::map<std::string, TreeSnapshot> harbors_;      // by identifier
 };
+
+// What the registry below `root` says, but for the names and places that differ from run to run.
+std::string registryText(const std::string& root);
 
 }  // namespace pallion::test

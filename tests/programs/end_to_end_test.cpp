@@ -1,7 +1,5 @@
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <regex>
 #include <sstream>
@@ -10,10 +8,9 @@
 #include <unistd.h>
 
 #include "foundation/url.h"
-#include "platform/recursive_remove.h"
-#include "platform/tree_copy.h"
 #include "tests/helpers/child_process.h"
 #include "tests/helpers/device_state.h"
+#include "tests/helpers/gated_process.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/temporary_root.h"
 
@@ -50,22 +47,11 @@ size_t entriesOf(const std::string& directory) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
-void removeTree(const std::string& path) {
-  RemovalState state;
-  RecursiveRemove::system().remove(path.c_str(), state);
-}
-
 #define SKIP_UNLESS_ROOT() \
   if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root"
 
 constexpr const char* kSmallLayout =
     "--apps 5 --vpn 1 --groups 3 --harbors 2 --placeholders 1 --files 3 --file-size 100";
-
-bool haveStrace() {
-  ChildProcess::Setup setup;
-  setup.arguments = {"/usr/bin/strace", "-o", "/dev/null", "true"};
-  return access("/usr/bin/strace", X_OK) == 0 && runProcess(setup).status == 0;
-}
 
 }  // namespace
 
@@ -187,91 +173,44 @@ TEST(EndToEnd, CarriesEveryByteAcrossVolumes) {
   }));
 }
 
-// The host is killed before the Nth call of one kind, for many kinds and many N; the next run must
-// end as if nothing had happened.
-class Killed : public testing::Test {
- protected:
-  // `fresh` puts the layout back to its beginning.
-  void sweep(const std::string& root, const DeviceState& before, const std::function<void()>& fresh,
-             unsigned growth) {
-    // A kill before a call that changes something; calls that only read need no points of their
-    // own.
-    const char* const kCalls[] = {"rename",   "renameat",  "renameat2", "unlink",    "unlinkat",
-                                  "mkdir",    "mkdirat",   "linkat",    "fsync",     "fdatasync",
-                                  "pwrite64", "write",     "setxattr",  "fsetxattr", "lsetxattr",
-                                  "syncfs",   "ftruncate", "rmdir"};
-    int points = 0;
-    for (const char* const call : kCalls) {
-      unsigned step = 1;
-      for (unsigned n = 1;; n += step, step += growth) {
-        fresh();
-        const std::string injection =
-            std::string("inject=") + call + ":signal=SIGKILL:when=" + std::to_string(n);
-        const ProcessOutcome killed =
-            migrate(root, {"-q"},
-                    {"/usr/bin/strace", "-f", "-q", "-o", "/dev/null", "-e",
-                     std::string("trace=") + call, "-e", injection});
-        if (killed.status == 0) break;  // ran through: there is no Nth call
-        ASSERT_TRUE(killed.status == -SIGKILL || killed.status == 128 + SIGKILL)
-            << call << " " << n << ": " << killed.status << killed.err;
-        ++points;
-        const ProcessOutcome again = migrate(root);
-        EXPECT_EQ(again.status, 0) << call << " " << n << "\n" << again.out << again.err;
-        const std::string differences = before.differenceAfterMigration(root);
-        EXPECT_EQ(differences, "") << call << " " << n;
-        if (again.status != 0 || !differences.empty()) break;
-      }
-    }
-    RecordProperty("points", points);
-    EXPECT_GT(points, 20);
-  }
-};
-
-TEST_F(Killed, AnywhereTheNextRunFinishes) {
+// Across volumes nothing is taken from a source before a sync of the volume that it was copied to,
+// and one such sync serves all that an application brings.
+TEST(EndToEnd, SyncsCopiesBeforeTheirSourcesGo) {
   SKIP_UNLESS_ROOT();
-  if (!haveStrace()) GTEST_SKIP() << "strace is not to be had or not permitted here";
-  TemporaryRoot parent;
-  const std::string original = parent / "original";
-  const std::string root = parent / "device";
-  makeLayout(original, kSmallLayout);
-  const DeviceState before(original);
-  sweep(
-      root, before,
-      [&] {
-        removeTree(root);
-        ASSERT_EQ(0, TreeCopy::system().copy(original.c_str(), root.c_str()));
-      },
-      3);
-}
-
-TEST_F(Killed, AnywhereAcrossVolumesTheNextRunFinishes) {
-  SKIP_UNLESS_ROOT();
-  if (!haveStrace() || !canMount()) GTEST_SKIP() << "strace or mounting is not permitted here";
-  TemporaryRoot parent;
-  const std::string original = parent / "original";
-  const std::string root = parent / "device";
-  makeLayout(original, kSmallLayout);
-  const DeviceState before(original);
+  if (!canMount() || !GatedProcess::isPossible())
+    GTEST_SKIP() << "mounting or call filters with notification are not permitted here";
+  TemporaryRoot device;
   EXPECT_TRUE(runInMountNamespace([&] {
-    const Mount device = Mount::tmpfs(parent.makeDirectory("device"), "size=64m");
-    ASSERT_TRUE(device.mounted());
-    const std::string newLayout = parent.makeDirectory("device/private/var/palliond");
-    const Mount newVolume = Mount::tmpfs(newLayout, "size=64m");
+    const Mount newVolume = Mount::tmpfs(device.makeDirectory("private/var/palliond"));
     ASSERT_TRUE(newVolume.mounted());
-    sweep(
-        root, before,
-        [&] {
-          for (const char* item :
-               {"/private/var/mobile", "/private/var/palliond/Library",
-                "/private/var/palliond/Containers", "/Applications", "/var", "/tmp"}) {
-            removeTree(root + item);
-          }
-          for (const char* item : {"/private/var/mobile", "/Applications", "/var"}) {
-            ASSERT_EQ(0, TreeCopy::system().copy((original + item).c_str(), (root + item).c_str()))
-                << item;
-          }
-        },
-        6);
+    makeLayout(device.path(), kSmallLayout);
+    const std::string from = device / "private/var/mobile/";
+    const std::string to = device / "private/var/palliond/Containers/";
+    bool unsynced = false;
+    int syncs = 0;
+    int removals = 0;
+    const auto gate = [&](const GatedProcess::Call& call) {
+      const std::string name = call.name;
+      if (name == "syncfs") {
+        unsynced = false;
+        ++syncs;
+      } else if (name == "openat" && call.changes && call.descriptorPath(0).starts_with(to)) {
+        unsynced = true;
+      } else if (name == "unlinkat" &&
+                 call.path(1) != "com.orlix.pallion.container_migrator.plist" &&
+                 call.descriptorPath(0).starts_with(from)) {
+        ++removals;
+        EXPECT_FALSE(unsynced) << call.descriptorPath(0) << "/" << call.path(1);
+      }
+      return 0;
+    };
+    const GatedProcess::Outcome outcome =
+        GatedProcess::run({kPrograms + "migration-host", "-q", "--root", device.path()}, gate);
+    EXPECT_EQ(outcome.status, 0) << outcome.out;
+    EXPECT_GT(removals, 50);
+    // For each of the 6 containers its placeholder and its content, for each of 3 groups and 2
+    // harbors its content.
+    EXPECT_LE(syncs, 2 * 6 + 3 + 2);
   }));
 }
 

@@ -1,0 +1,311 @@
+#include "tests/campaigns/hostile_rounds.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+#include "file_operations/file_manager.h"
+#include "platform/recursive_remove.h"
+#include "platform/tree_copy.h"
+#include "platform/uuid.h"
+#include "programs/make_old_layout/seeded_random.h"
+#include "tests/campaigns/swapper.h"
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/recorded_logs.h"
+#include "tests/helpers/temporary_root.h"
+#include "tests/helpers/tree_snapshot.h"
+
+namespace pallion::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kMostRoundsInVain = 500;
+constexpr uint64_t kSwapsARound = 200;
+// Paths inside a device.
+const std::string kContainers = "/private/var/mobile/Applications";
+const std::string kCanary = "/private/var/mobile/Media";
+
+constexpr const char* kCanaryContent = "of the canary";
+
+// Below a directory of its own: the tree, the links while they are not in the tree, and the canary.
+class Rounds : public HostileRounds {
+ public:
+  HostileOutcome run(uint64_t swaps) override {
+    HostileOutcome outcome;
+    const auto start = std::chrono::steady_clock::now();
+    int inVain = 0;
+    while (outcome.swaps < swaps && inVain < kMostRoundsInVain) {
+      std::vector<SwappedPair> pairs = prepare(outcome.rounds);
+      const std::chrono::microseconds pauses[] = {{}, {}, std::chrono::microseconds(50)};
+      swapper_.take(std::move(pairs), pauses[outcome.rounds % std::size(pauses)]);
+      swapper_.letLoose();
+      bool succeeded = operate(outcome.rounds);
+      while (isRepeatable() && swapper_.swaps() < kSwapsARound)
+        succeeded &= operate(outcome.rounds);
+      const uint64_t survived = swapper_.call();
+      ++outcome.rounds;
+      outcome.swaps += survived;
+      outcome.errors += succeeded ? 0 : 1;
+      inVain = survived > 0 ? 0 : inVain + 1;
+      outcome.firstChange = difference(canary_, canaryNow()) + leak();
+      if (!outcome.firstChange.empty()) {
+        ++outcome.canaryChanges;
+        break;
+      }
+    }
+    outcome.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return outcome;
+  }
+
+ protected:
+  // What the round is to swap.
+  virtual std::vector<SwappedPair> prepare(uint64_t round) = 0;
+  virtual bool operate(uint64_t round) = 0;
+  // Whether one round may well operate more than once.
+  [[nodiscard]] virtual bool isRepeatable() const { return false; }
+  // Something of the canary where it does not belong; empty for nothing.
+  virtual std::string leak() { return ""; }
+
+  [[nodiscard]] virtual TreeSnapshot canaryNow() const {
+    return snapshotTree(root_ / "canary", {.changeTimes = true});
+  }
+  void canaryIsComplete() { canary_ = canaryNow(); }
+
+  // A link for the directory `relative` (from the base) that leads to `target`.
+  SwappedPair pairFor(const std::string& relative, const std::string& target) {
+    const fs::path path(relative);
+    SwappedPair pair{path.parent_path(), path.filename(), "links/" + std::to_string(links_++)};
+    root_.makeLink(pair.link, target);
+    return pair;
+  }
+  void dropLinks() {
+    fs::remove_all(root_ / "links");
+    links_ = 0;
+  }
+
+  TemporaryRoot root_;
+
+ private:
+  Swapper swapper_{root_.path()};
+  TreeSnapshot canary_;
+  int links_ = 0;
+};
+
+// A small tree of our own making: "tree/<a>/<b>" with a few items in each <b>; all <a> and <b> are
+// swapped.
+class OwnTree : public Rounds {
+ public:
+  OwnTree() {
+    fill("canary", kCanaryContent);
+    root_.makeDirectory("canary/empty");
+    canaryIsComplete();
+  }
+
+ protected:
+  static constexpr int kOuter = 3;
+  static constexpr int kInner = 6;
+
+  void fill(const std::string& top, const std::string& content) const {
+    eachDirectory([&](const std::string& outer, const std::string& inner) {
+      if (inner.empty()) return;
+      const std::string directory = top + "/" + outer + "/" + inner;
+      for (const char* name : {"1", "2", "3", "sub/4"}) {
+        root_.makeFile(directory + "/" + name, content);
+      }
+      root_.makeLink(directory + "/link", "nowhere");
+    });
+  }
+  std::vector<SwappedPair> pairsIn(const std::string& top) {
+    std::vector<SwappedPair> pairs;
+    eachDirectory([&](const std::string& outer, const std::string& inner) {
+      const std::string directory = "/" + outer + (inner.empty() ? "" : "/" + inner);
+      pairs.push_back(pairFor(top + directory, root_ / ("canary" + directory)));
+    });
+    return pairs;
+  }
+
+ private:
+  static void eachDirectory(
+      const std::function<void(const std::string& outer, const std::string& inner)>& visit) {
+    for (int outer = 0; outer < kOuter; ++outer) {
+      for (int inner = 0; inner < kInner; ++inner) {
+        visit("a" + std::to_string(outer), "b" + std::to_string(inner));
+      }
+      visit("a" + std::to_string(outer), "");
+    }
+  }
+};
+
+class RemovalRounds : public OwnTree {
+ protected:
+  std::vector<SwappedPair> prepare(uint64_t) override {
+    fs::remove_all(root_ / "tree");
+    dropLinks();
+    fill("tree", "of the tree");
+    return pairsIn("tree");
+  }
+  bool operate(uint64_t) override {
+    RemovalState state;
+    return RecursiveRemove::system().remove((root_ / "tree").c_str(), state) == 0;
+  }
+};
+
+// The source is swapped, or the copy while it is being made.
+class CopyRounds : public OwnTree {
+ public:
+  CopyRounds() { fill("tree", "of the tree"); }
+
+ protected:
+  std::vector<SwappedPair> prepare(uint64_t round) override {
+    fs::remove_all(root_ / "copy");
+    if (round == 0) pairs_ = pairsIn("tree");
+    if (round % 2 == 0) return pairs_;
+    // One alone, again and again, to be in time between two calls; and to where nothing is in the
+    // way of what would be made there.
+    const SwappedPair& source = pairs_[round / 2 % pairs_.size()];
+    if (!copied_.link.empty()) fs::remove_all(root_ / copied_.link);
+    copied_ = pairFor("copy" + source.parent.substr(std::strlen("tree")) + "/" + source.name,
+                      root_ / "canary/empty");
+    return {copied_};
+  }
+  bool operate(uint64_t) override {
+    return TreeCopy::system().copy((root_ / "tree").c_str(), (root_ / "copy").c_str()) == 0;
+  }
+  std::string leak() override {
+    if (!exists(root_ / "copy")) return "";
+    for (const auto& entry : fs::recursive_directory_iterator(root_ / "copy")) {
+      if (entry.is_symlink() || !entry.is_regular_file()) continue;
+      if (readAll(entry.path()) == kCanaryContent) return "copied: " + entry.path().string();
+    }
+    return "";
+  }
+
+ private:
+  std::vector<SwappedPair> pairs_;
+  SwappedPair copied_;
+};
+
+class OwnershipRounds : public OwnTree {
+ public:
+  OwnershipRounds() { fill("tree", "of the tree"); }
+
+ protected:
+  std::vector<SwappedPair> prepare(uint64_t round) override {
+    if (round == 0) pairs_ = pairsIn("tree");
+    log_.lines.clear();
+    return pairs_;
+  }
+  bool operate(uint64_t) override {
+    // Another one each time, so that everything is to be changed.
+    const auto owner = static_cast<uid_t>(1000 + ++operations_ % 2);
+    return PLFileManager::defaultManager().standardizeOwnershipAtURL(
+               URL::fileURL(root_ / "tree"), owner, owner, false, nullptr) &&
+           log_.lines.empty();
+  }
+
+ private:
+  [[nodiscard]] bool isRepeatable() const override { return true; }
+
+  std::vector<SwappedPair> pairs_;
+  RecordedProductLog log_;
+  uint64_t operations_ = 0;
+};
+
+// The old containers of a device, each directory in them. Outside the device no link leads, since
+// it is the root of the run; one canary is in it, another one outside.
+class MigrationRounds : public Rounds {
+ public:
+  MigrationRounds() {
+    runProgram({"make-old-layout", "--root", root_ / "original", "--apps", "8", "--vpn", "1",
+                "--groups", "2", "--harbors", "1", "--placeholders", "1", "--files", "6"});
+    // Containers without a bundle are removed with all that is in them.
+    const std::vector<fs::path> containers{fs::directory_iterator(root_ / "original" + kContainers),
+                                           {}};
+    for (const fs::path& container : containers) {
+      const std::string remains = kContainers + "/" + makeUUID();
+      for (int i = 0; i < kRemainsWidth; ++i) {
+        copy(fs::relative(container / "Library", root_.path()),
+             "original" + remains + "/Library" + std::to_string(i));
+      }
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(root_ / "original" + kContainers)) {
+      const std::string relative =
+          fs::relative(entry.path(), root_ / "original" + kContainers).string();
+      const bool isContainer = relative.find('/') == std::string::npos;
+      if (!isContainer && entry.is_directory() && !entry.is_symlink()) {
+        directories_.push_back(relative);
+      }
+    }
+    copy("original" + kContainers, "original" + kCanary);
+    copy("original" + kContainers, "canary");
+  }
+
+ protected:
+  std::vector<SwappedPair> prepare(uint64_t round) override {
+    fs::remove_all(root_ / "device");
+    dropLinks();
+    copy("original", "device");
+    canaryIsComplete();
+    std::vector<SwappedPair> pairs;
+    for (const std::string& directory : directories_) {
+      // In most rounds many are spared, so that the run gets further.
+      if (round % 4 != 0 && random_.below(8) != 0) continue;
+      pairs.push_back(pairFor(
+          "device" + kContainers + "/" + directory,
+          pairs.size() % 8 == 7 ? root_ / "canary/" + directory : kCanary + "/" + directory));
+    }
+    return pairs;
+  }
+  bool operate(uint64_t) override {
+    const int status = runProgram({"migration-host", "-q", "--root", root_ / "device"});
+    if (status != 0 && status != 1) broken_ = "migration-host: " + std::to_string(status);
+    return status == 0;
+  }
+  std::string leak() override { return broken_; }
+
+  [[nodiscard]] TreeSnapshot canaryNow() const override {
+    TreeSnapshot all = snapshotTree(root_ / "canary", {.changeTimes = true});
+    for (auto& [path, line] : snapshotTree(root_ / "device" + kCanary, {.changeTimes = true})) {
+      all["inside the device: " + path] = line;
+    }
+    return all;
+  }
+
+ private:
+  void copy(const std::string& from, const std::string& to) const {
+    root_.makeDirectory(fs::path(to).parent_path().string());
+    if (TreeCopy::system().copy((root_ / from).c_str(), (root_ / to).c_str()) != 0) {
+      perror(to.c_str());
+      std::abort();
+    }
+  }
+  static int runProgram(std::vector<std::string> arguments) {
+    arguments[0] = std::string(PALLION_BINARY_DIR) + "/bin/" + arguments[0];
+    ChildProcess::Setup setup;
+    setup.arguments = std::move(arguments);
+    setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};  // it needs /proc, which the root has not
+    return runProcess(setup).status;
+  }
+
+  static constexpr int kRemainsWidth = 5;
+
+  std::vector<std::string> directories_;
+  SeededRandom random_{1};
+  std::string broken_;
+};
+
+}  // namespace
+
+std::unique_ptr<HostileRounds> removalRounds() { return std::make_unique<RemovalRounds>(); }
+std::unique_ptr<HostileRounds> copyRounds() { return std::make_unique<CopyRounds>(); }
+std::unique_ptr<HostileRounds> ownershipRounds() { return std::make_unique<OwnershipRounds>(); }
+std::unique_ptr<HostileRounds> migrationRounds() { return std::make_unique<MigrationRounds>(); }
+
+}  // namespace pallion::test

@@ -1,0 +1,320 @@
+#include "tests/helpers/gated_process.h"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "foundation/unique_descriptor.h"
+
+namespace pallion::test {
+
+namespace {
+
+enum class Effect { kReads, kChanges, kByFlags };
+
+struct KnownCall {
+  long number;
+  const char* name;
+  Effect effect;
+};
+
+#define CALL(name, effect) \
+  { SYS_##name, #name, Effect::effect }
+constexpr KnownCall kCalls[] = {
+    CALL(open, kByFlags),         CALL(openat, kByFlags),
+    CALL(mkdir, kChanges),        CALL(mkdirat, kChanges),
+    CALL(mknod, kChanges),        CALL(mknodat, kChanges),
+    CALL(symlink, kChanges),      CALL(symlinkat, kChanges),
+    CALL(link, kChanges),         CALL(linkat, kChanges),
+    CALL(rename, kChanges),       CALL(renameat, kChanges),
+    CALL(renameat2, kChanges),    CALL(unlink, kChanges),
+    CALL(unlinkat, kChanges),     CALL(rmdir, kChanges),
+    CALL(write, kChanges),        CALL(writev, kChanges),
+    CALL(pwrite64, kChanges),     CALL(ftruncate, kChanges),
+    CALL(fallocate, kChanges),    CALL(copy_file_range, kChanges),
+    CALL(sendfile, kChanges),     CALL(ioctl, kChanges),
+    CALL(fsync, kChanges),        CALL(fdatasync, kChanges),
+    CALL(syncfs, kChanges),       CALL(chmod, kChanges),
+    CALL(fchmod, kChanges),       CALL(fchmodat, kChanges),
+    CALL(chown, kChanges),        CALL(lchown, kChanges),
+    CALL(fchown, kChanges),       CALL(fchownat, kChanges),
+    CALL(utimensat, kChanges),    CALL(setxattr, kChanges),
+    CALL(lsetxattr, kChanges),    CALL(fsetxattr, kChanges),
+    CALL(removexattr, kChanges),  CALL(lremovexattr, kChanges),
+    CALL(fremovexattr, kChanges), CALL(read, kReads),
+    CALL(pread64, kReads),        CALL(newfstatat, kReads),
+    CALL(fstat, kReads),          CALL(stat, kReads),
+    CALL(lstat, kReads),          CALL(statx, kReads),
+    CALL(fstatfs, kReads),        CALL(getdents64, kReads),
+    CALL(readlink, kReads),       CALL(readlinkat, kReads),
+    CALL(access, kReads),         CALL(faccessat, kReads),
+    CALL(getxattr, kReads),       CALL(lgetxattr, kReads),
+    CALL(fgetxattr, kReads),      CALL(listxattr, kReads),
+    CALL(llistxattr, kReads),     CALL(flistxattr, kReads),
+    CALL(lseek, kReads),          CALL(flock, kReads),
+};
+#undef CALL
+
+const KnownCall* findCall(long number) {
+  for (const KnownCall& call : kCalls) {
+    if (call.number == number) return &call;
+  }
+  return nullptr;
+}
+
+bool changes(const KnownCall& call, const seccomp_data& data) {
+  if (call.effect != Effect::kByFlags) return call.effect == Effect::kChanges;
+  const uint64_t flags = data.args[call.number == SYS_open ? 1 : 2];
+  return (flags & (O_CREAT | O_TRUNC)) != 0;
+}
+
+// The child's side. Only calls of the list, chroot and exit_group come to the gate; writes to the
+// standard descriptors do not, since the parent reads them only at the end.
+int installFilter() {
+  std::vector<sock_filter> program{
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+      BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, 3, 1, 0),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+  };
+  const auto notify = [&program](long number) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
+  };
+  for (const KnownCall& call : kCalls) notify(call.number);
+  notify(SYS_chroot);
+  notify(SYS_exit_group);
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
+  return static_cast<int>(
+      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
+}
+
+bool sendDescriptor(int channel, int descriptor) {
+  char byte = 0;
+  iovec vector{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int));
+  __builtin_memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+  return sendmsg(channel, &message, 0) == 1;
+}
+
+int receiveDescriptor(int channel) {
+  char byte = 0;
+  iovec vector{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  if (recvmsg(channel, &message, MSG_CMSG_CLOEXEC) != 1 || !CMSG_FIRSTHDR(&message)) return -1;
+  int descriptor = -1;
+  __builtin_memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
+  return descriptor;
+}
+
+[[noreturn]] void becomeProgram(const std::vector<std::string>& arguments, int channel,
+                                int output) {
+  std::vector<char*> pointers;
+  for (const std::string& argument : arguments)
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  pointers.push_back(nullptr);
+  if (dup2(output, STDOUT_FILENO) < 0 || dup2(output, STDERR_FILENO) < 0) _exit(126);
+  const int listener = installFilter();
+  if (listener < 0 || !sendDescriptor(channel, listener)) _exit(126);
+  execv(pointers[0], pointers.data());
+  _exit(127);
+}
+
+std::string linkOf(const std::string& path) {
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  target.resize(length < 0 ? 0 : static_cast<size_t>(length));
+  return target;
+}
+
+std::string descriptorLink(pid_t process, uint64_t descriptor) {
+  return linkOf("/proc/" + std::to_string(process) + "/fd/" +
+                std::to_string(static_cast<int>(descriptor)));
+}
+
+unsigned openDescriptors(pid_t process) {
+  unsigned count = 0;
+  DIR* directory = opendir(("/proc/" + std::to_string(process) + "/fd").c_str());
+  if (!directory) return 0;
+  while (const dirent* entry = readdir(directory)) count += entry->d_name[0] != '.';
+  closedir(directory);
+  return count;
+}
+
+// The parent's side of one run.
+class Supervisor {
+ public:
+  Supervisor(pid_t process, int listener, const GatedProcess::Gate& gate,
+             const std::string& logFile)
+      : process_(process), listener_(listener), gate_(gate), logFile_(logFile) {}
+
+  void attend(int seconds, GatedProcess::Outcome& outcome) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (;;) {
+      pollfd waiting{listener_, POLLIN, 0};
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      const int ready = left.count() <= 0 ? 0 : poll(&waiting, 1, static_cast<int>(left.count()));
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready <= 0) {
+        outcome.hung = true;
+        kill(process_, SIGKILL);
+        return;
+      }
+      if ((waiting.revents & POLLIN) == 0) return;  // nobody uses the filter any more
+      answer(outcome);
+    }
+  }
+
+ private:
+  void answer(GatedProcess::Outcome& outcome) {
+    seccomp_notif notification{};
+    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &notification) != 0) return;
+    const int decision = decide(notification.data, outcome);
+    if (decision == GatedProcess::kKill) {
+      kill(process_, SIGKILL);
+      return;
+    }
+    seccomp_notif_resp response{};
+    response.id = notification.id;
+    if (decision == 0) {
+      response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+    } else {
+      response.error = -decision;
+    }
+    ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &response);
+  }
+
+  int decide(const seccomp_data& data, GatedProcess::Outcome& outcome) {
+    if (data.nr == SYS_exit_group) {
+      outcome.descriptors = openDescriptors(process_);
+      return 0;
+    }
+    if (data.nr == SYS_chroot) {
+      begun_ = true;
+      findLog();
+      return 0;
+    }
+    const KnownCall* known = findCall(data.nr);
+    if (!begun_ || !known || (data.nr == SYS_write && static_cast<int>(data.args[0]) == log_)) {
+      return 0;
+    }
+    GatedProcess::Call call{data.nr, {}, process_, known->name, changes(*known, data)};
+    for (size_t i = 0; i < call.arguments.size(); ++i) call.arguments[i] = data.args[i];
+    ++outcome.calls;
+    if (call.changes) ++outcome.changes;
+    return gate_(call);
+  }
+
+  void findLog() {
+    for (int descriptor = 3; !logFile_.empty() && descriptor < 32; ++descriptor) {
+      if (descriptorLink(process_, static_cast<uint64_t>(descriptor)) == logFile_)
+        log_ = descriptor;
+    }
+  }
+
+  const pid_t process_;
+  const int listener_;
+  const GatedProcess::Gate& gate_;
+  const std::string& logFile_;
+  bool begun_ = false;
+  int log_ = -1;
+};
+
+std::string contentOf(int descriptor) {
+  std::string content(static_cast<size_t>(lseek(descriptor, 0, SEEK_END)), '\0');
+  if (pread(descriptor, content.data(), content.size(), 0) < 0) content.clear();
+  return content;
+}
+
+}  // namespace
+
+std::string GatedProcess::Call::path(size_t index) const {
+  std::string text(PATH_MAX, '\0');
+  iovec here{text.data(), text.size()};
+  iovec there{reinterpret_cast<void*>(arguments[index]), text.size()};
+  const ssize_t length = process_vm_readv(process, &here, 1, &there, 1, 0);
+  if (length <= 0) {
+    // The string stands near the end of a mapping.
+    there.iov_len = here.iov_len = 4096 - arguments[index] % 4096;
+    if (process_vm_readv(process, &here, 1, &there, 1, 0) <= 0) return "";
+  }
+  return text.c_str();
+}
+
+std::string GatedProcess::Call::descriptorPath(size_t index) const {
+  if (static_cast<int>(arguments[index]) == AT_FDCWD)
+    return linkOf("/proc/" + std::to_string(process) + "/cwd");
+  return descriptorLink(process, arguments[index]);
+}
+
+GatedProcess::Outcome GatedProcess::run(const std::vector<std::string>& arguments, const Gate& gate,
+                                        const std::string& logFile, int seconds) {
+  Outcome outcome;
+  outcome.status = 126;  // until it has been run
+  int channel[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) return outcome;
+  const UniqueDescriptor ours(channel[0]);
+  UniqueDescriptor theirs(channel[1]);
+  const UniqueDescriptor output(memfd_create("output", MFD_CLOEXEC));
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) return outcome;
+  if (child == 0) becomeProgram(arguments, theirs.get(), output.get());
+  theirs.reset();
+  const UniqueDescriptor listener(receiveDescriptor(ours.get()));
+  if (listener) Supervisor(child, listener.get(), gate, logFile).attend(seconds, outcome);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  outcome.out = contentOf(output.get());
+  return outcome;
+}
+
+bool GatedProcess::isPossible() {
+  static const bool answer = [] {
+    const Outcome outcome = run(
+        {"/bin/true"}, [](const Call&) { return 0; }, "", 10);
+    return outcome.status == 0 && !outcome.hung && outcome.descriptors > 0;
+  }();
+  return answer;
+}
+
+}  // namespace pallion::test

@@ -1,0 +1,224 @@
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/device_state.h"
+#include "tests/helpers/png_bytes.h"
+#include "tests/helpers/temporary_root.h"
+#include "tests/helpers/tree_snapshot.h"
+
+// Old containers in which something was put to mislead the migration.
+
+namespace pallion::test {
+
+namespace {
+
+const std::string kPrograms = std::string(PALLION_BINARY_DIR) + "/bin/";
+const std::string kMobile = "/private/var/mobile";
+const std::string kContainers = kMobile + "/Applications";
+const std::string kForged = kContainers + "/F0F0F0F0-0000-4000-8000-000000000000";
+const std::string kOutside = kMobile + "/Media";
+constexpr const char* kSecondsUntilHung = "100";
+constexpr size_t kSound = 5;  // containers
+
+std::string plist(const std::string& entries) {
+  return "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>";
+}
+std::string entry(const std::string& key, const std::string& text) {
+  return "<key>" + key + "</key><string>" + text + "</string>";
+}
+const std::string kInfo = entry("QXBundleIdentifier", "com.example.forged") +
+                          entry("QXBundleExecutable", "Forged") + entry("QXBundleIconFile", "Icon");
+
+// A device with sound containers, one that is to be forged, and something outside to be misled to.
+class Device {
+ public:
+  Device() {
+    ChildProcess::Setup setup;
+    setup.arguments = {kPrograms + "make-old-layout", "--root", root_.path(), "--apps", "4"};
+    for (const char* word : {"--vpn", "1", "--groups", "2", "--harbors", "1", "--files", "3"}) {
+      setup.arguments.emplace_back(word);
+    }
+    EXPECT_EQ(runProcess(setup).status, 0);
+    for (const auto& item : std::filesystem::directory_iterator(root_ / kContainers)) {
+      others.push_back(kContainers + "/" + item.path().filename().string());
+    }
+    sound_.emplace(root_.path());
+    file("Forged.app/Info.plist", plist(kInfo));
+    file("Forged.app/Forged", "#!/bin/sh\n");
+    file("Documents/note", "of the forged container");
+    for (const char* name : {"/Payload/file", "/Forged.app/Forged", "/Documents/file"}) {
+      root_.makeFile(kOutside + name, "outside");
+    }
+    root_.makeFile(kOutside + "/Forged.app/Info.plist", plist(kInfo));
+  }
+
+  // Items of the forged container; what stood there goes.
+  void file(const std::string& name, const std::string& content) const {
+    std::filesystem::remove_all(path(name));
+    root_.makeFile(kForged + "/" + name, content);
+  }
+  void link(const std::string& name, const std::string& target) const {
+    std::filesystem::remove_all(path(name));
+    root_.makeLink(kForged + "/" + name, target);
+  }
+  void fifo(const std::string& name) const {
+    file(name, "");
+    unlink(path(name).c_str());
+    ASSERT_EQ(mkfifo(path(name).c_str(), 0644), 0);
+  }
+  void info(const std::string& more) const { file("Forged.app/Info.plist", plist(kInfo + more)); }
+  void marker(const std::string& container, const std::string& bundle,
+              const std::string& more = "") const {
+    file("com.orlix.pallion.container_migrator.plist",
+         plist(entry("ContainerPath", container) + entry("BundlePath", bundle) +
+               entry("BundleIdentifier", "com.example.forged") + entry("ContainerType", "App") +
+               more));
+  }
+  [[nodiscard]] std::string path(const std::string& name) const {
+    return root_ / (kForged + "/" + name);
+  }
+
+  [[nodiscard]] std::string bundleOf(const std::string& container) const {
+    for (const auto& item : std::filesystem::directory_iterator(root_ / container)) {
+      const std::string extension = item.path().extension();
+      if (extension == ".app" || extension == ".vpnplugin") {
+        return container + "/" + item.path().filename().string();
+      }
+    }
+    return "";
+  }
+
+  // Migrates; answers what is wrong afterwards.
+  [[nodiscard]] std::string migrate() const {
+    const TreeSnapshot before = snapshotTree(root_ / kOutside, {.changeTimes = true});
+    ChildProcess::Setup setup;
+    setup.arguments = {"/usr/bin/timeout", kSecondsUntilHung, kPrograms + "migration-host",
+                       "--root",           root_.path(),      "-q"};
+    setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};  // it needs /proc, which the root has not
+    const ProcessOutcome outcome = runProcess(setup);
+    std::string wrong;
+    if (outcome.status != 0 && outcome.status != 1) {
+      wrong += "exit status " + std::to_string(outcome.status) + "\n" + outcome.err;
+    }
+    wrong += difference(before, snapshotTree(root_ / kOutside, {.changeTimes = true}));
+    std::istringstream lines(sound_->differenceAfterMigration(root_.path()));
+    const bool stays = exists(path(""));
+    for (std::string line; std::getline(lines, line);) {
+      // With the forged container, the directory of the containers stays.
+      if (!stays || !line.starts_with("still there: ")) wrong += line + "\n";
+    }
+    if (!exists(root_ / kContainers)) return wrong;
+    for (const auto& item : std::filesystem::directory_iterator(root_ / kContainers)) {
+      if (item.path() != root_ / kForged) wrong += "left: " + item.path().string() + "\n";
+    }
+    return wrong;
+  }
+
+  std::vector<std::string> others;  // paths of the sound containers, inside the device
+
+ private:
+  TemporaryRoot root_;
+  std::optional<DeviceState> sound_;
+};
+
+}  // namespace
+
+TEST(ForgedContent, CostsItsOwnContainerAtMost) {
+  if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root";
+  struct Case {
+    std::string name;
+    std::function<void(const Device& device)> forge;
+  };
+  std::vector<Case> cases = {
+      {"nothing", [](const Device&) {}},
+      {"staging leads out", [](const Device& d) { d.link("Staging", kOutside); }},
+      {"staging leads out by climbing", [](const Device& d) { d.link("Staging", "../../Media"); }},
+      {"staging leads to another container",
+       [](const Device& d) { d.link("Staging", d.others.front()); }},
+      {"payload leads out",
+       [](const Device& d) { d.link("Staging/Payload", kOutside + "/Payload"); }},
+      {"staging is a FIFO", [](const Device& d) { d.fifo("Staging"); }},
+      {"a remainder leads out",
+       [](const Device& d) {
+         d.link(".com.orlix.pallion.moved.F0F0F0F0-0000-4000-8000-000000000000", kOutside);
+       }},
+      {"executable leads out",
+       [](const Device& d) { d.link("Forged.app/Forged", kOutside + "/Forged.app/Forged"); }},
+      {"info plist leads out",
+       [](const Device& d) {
+         d.link("Forged.app/Info.plist", kOutside + "/Forged.app/Info.plist");
+       }},
+      {"info plist is a FIFO", [](const Device& d) { d.fifo("Forged.app/Info.plist"); }},
+      {"info plist of 65 MiB",
+       [](const Device& d) { d.info("<!--" + std::string(size_t{65} << 20, ' ') + "-->"); }},
+      {"info plist of a TiB",
+       [](const Device& d) {
+         std::filesystem::resize_file(d.path("Forged.app/Info.plist"), uintmax_t{1} << 40);
+       }},
+      {"group climbs",
+       [](const Device& d) {
+         d.info(
+             "<key>QXApplicationGroups</key><array><string>../../../../mobile/Media</string>"
+             "<string>/private/var/mobile/Media</string></array>");
+       }},
+      {"icon leads out", [](const Device& d) { d.info(entry("QXBundleIconFile", "../../Icon")); }},
+      {"icon is a FIFO", [](const Device& d) { d.fifo("Forged.app/Icon.png"); }},
+      {"icon claims to be vast",
+       [](const Device& d) {
+         d.file("Forged.app/Icon.png",
+                pngBytes({60000, 60000, 8, 6, "", false, {{"IDAT", zlibBomb(size_t{64} << 20)}}}));
+       }},
+      {"icon with texts that unfold",
+       [](const Device& d) {
+         const std::string text = std::string("Comment\0\0", 9) + zlibBomb(size_t{1} << 30);
+         d.file("Forged.app/Icon.png",
+                pngBytes({1, 1, 8, 0, std::string("\0\x80", 2), false, {{"zTXt", text}}}));
+       }},
+      {"marker of the user's directory",
+       [](const Device& d) { d.marker(kMobile, kForged + "/Forged.app"); }},
+      {"marker of what is outside",
+       [](const Device& d) { d.marker(kOutside, kOutside + "/Forged.app"); }},
+      {"marker that climbs",
+       [](const Device& d) { d.marker(kForged + "/../../Media", kForged + "/Forged.app"); }},
+      {"marker with a bundle outside",
+       [](const Device& d) { d.marker(kForged, kOutside + "/Forged.app"); }},
+      {"marker with a bundle that climbs",
+       [](const Device& d) { d.marker(kForged, kForged + "/../../Media/Forged.app"); }},
+      {"marker with another container as its bundle",
+       [](const Device& d) { d.marker(kForged, d.others.front()); }},
+      {"marker with a second bundle outside",
+       [](const Device& d) {
+         d.marker(kForged, kForged + "/Forged.app",
+                  entry("SecondBundlePath", kOutside + "/Forged.app"));
+       }},
+  };
+  for (const char* name :
+       {"Documents", "Library", "Manifest.plist", "BriscaArtwork", "BriscaMetadata.plist",
+        "GeoJSON", "com.orlix.pallion.container_migrator.plist"}) {
+    const std::string item = name;
+    cases.push_back({item + " leads out", [item](const Device& d) { d.link(item, kOutside); }});
+    cases.push_back({item + " is a FIFO", [item](const Device& d) { d.fifo(item); }});
+  }
+  // Whichever of them comes first in the run.
+  for (size_t i = 0; i < kSound; ++i) {
+    cases.push_back({"marker of container " + std::to_string(i),
+                     [i](const Device& d) { d.marker(d.others.at(i), kForged + "/Forged.app"); }});
+    cases.push_back({"marker with the bundle of container " + std::to_string(i),
+                     [i](const Device& d) { d.marker(kForged, d.bundleOf(d.others.at(i))); }});
+  }
+  for (const Case& each : cases) {
+    const Device device;
+    each.forge(device);
+    EXPECT_EQ(device.migrate(), "") << each.name;
+  }
+}
+
+}  // namespace pallion::test
