@@ -7,6 +7,7 @@
 
 #include "platform/product_log.h"
 #include "platform/store_metadata.h"
+#include "platform/tree_copy.h"
 #include "platform/uuid.h"
 
 namespace pallion {
@@ -67,6 +68,11 @@ Outcome RegistryChange::storeTrash(TrashRow row) {
 }
 
 Outcome RegistryChange::commit() {
+  if (!containers_.syncsKeepOrder() &&
+      TreeCopy::current().syncVolume(containers_.incomingDirectory().c_str()) != 0) {
+    return Refusal{RegistryErrorCode::kInstallation, "Syncing " + containers_.incomingDirectory(),
+                   errno, ""};
+  }
   if (!database_.commit()) return database_.failure();
   open_ = false;
   removedTrash_.clear();

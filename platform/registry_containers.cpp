@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "platform/directory_reader.h"
@@ -68,6 +70,17 @@ RegistryContainers::RegistryContainers(const URL& root) {
   library_ = base + "/private/var/palliond/Library/Pallion";
   containers_ = base + "/private/var/palliond/Containers";
   applications_ = base + "/Applications";
+}
+
+bool RegistryContainers::syncsKeepOrder() const {
+  if (!syncsKeepOrder_) {
+    struct statfs status {};
+    const bool known = statfs(incomingDirectory().c_str(), &status) == 0;
+    // What a tmpfs holds is gone with the power in any case.
+    syncsKeepOrder_ = known && (status.f_type == EXT4_SUPER_MAGIC ||
+                                status.f_type == XFS_SUPER_MAGIC || status.f_type == TMPFS_MAGIC);
+  }
+  return *syncsKeepOrder_;
 }
 
 std::string RegistryContainers::incoming(Kind kind, const std::string& uuid) const {

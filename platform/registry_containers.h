@@ -55,6 +55,12 @@ class RegistryContainers {
   // lost. 0 or an errno.
   [[nodiscard]] int ensure(Kind kind, const std::string& uuid) const;
 
+  // Whether the sync of one file puts every earlier change of names on the medium with it, as the
+  // single log of ext4 and xfs does. Elsewhere, on btrfs for one, only what belongs to that file is
+  // sure to be there, and a volume has to be synced before a commit that speaks of its directories.
+  // Asked once; not from several threads at a time.
+  [[nodiscard]] bool syncsKeepOrder() const;
+
   // The entries of Incoming; nothing with errno set when they can't be listed.
   [[nodiscard]] std::optional<std::vector<IncomingEntry>> listIncoming() const;
 
@@ -62,6 +68,7 @@ class RegistryContainers {
   std::string library_;
   std::string containers_;
   std::string applications_;
+  mutable std::optional<bool> syncsKeepOrder_;
 };
 
 // Names in a directory but "." and ".."; nothing with errno set on failure. A symbolic link at
