@@ -65,6 +65,8 @@ class RegistryDatabase::Run {
   // Goes to the next row; false at the end and on failure, which `succeeded` tells apart.
   bool next() {
     if (!statement_ || failed_) return false;
+    if (!database_.holdSnapshot()) failed_ = true;
+    if (failed_) return false;
     const int result = sqlite3_step(statement_);
     if (result == SQLITE_ROW) return true;
     if (result != SQLITE_DONE) check(result);
@@ -152,6 +154,7 @@ std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path
 
 RegistryDatabase::~RegistryDatabase() {
   if (writes_) {
+    rollback();
     // Both fail while another process reads; then its connection, or the next one here, does it.
     sqlite3_busy_timeout(handle_, 0);
     execute("PRAGMA journal_mode = DELETE");
@@ -235,8 +238,25 @@ bool RegistryDatabase::queryInteger(const char* sql, int64_t& number) {
   return true;
 }
 
-bool RegistryDatabase::begin() { return Run(*this, "BEGIN IMMEDIATE").execute(); }
-bool RegistryDatabase::commit() { return Run(*this, "COMMIT").execute(); }
+// Every read takes and drops locks by several calls unless it is part of a transaction. There is
+// one writer, so a transaction that a read began never is behind, and can be written in.
+bool RegistryDatabase::holdSnapshot() {
+  return !writes_ || !sqlite3_get_autocommit(handle_) || step("BEGIN");
+}
+
+bool RegistryDatabase::begin() {
+  return !sqlite3_get_autocommit(handle_) || step("BEGIN IMMEDIATE");
+}
+
+bool RegistryDatabase::commit() { return step("COMMIT"); }
+
+bool RegistryDatabase::step(const char* sql) {
+  sqlite3_stmt* statement = prepared(sql);
+  if (!statement) return false;
+  const bool done = sqlite3_step(statement) == SQLITE_DONE || fail();
+  sqlite3_reset(statement);
+  return done;
+}
 
 void RegistryDatabase::rollback() {
   // A failed commit or a full disk may have rolled back already.

@@ -113,6 +113,10 @@ class RegistryDatabase {
   bool makeTables();
   sqlite3_stmt* prepared(const char* sql);
   bool execute(const char* sql);
+  // Of a prepared statement that answers no rows.
+  bool step(const char* sql);
+  // Sees that a transaction is open, where this connection may write.
+  bool holdSnapshot();
   bool queryInteger(const char* sql, int64_t& number);
   bool fail();  // with the connection's last error
   bool fail(const std::string& cause);
