@@ -25,9 +25,9 @@ std::optional<std::string> writeBinaryPropertyList(const Value& value);
 
 // What a binary list may unfold to, counting each value once for every path that leads to it:
 // values plus the bytes of texts and data. 16 is far above what repeated keys and texts of real
-// lists come to.
+// lists come to; what a tiny file may unfold to is written and compared in milliseconds.
 inline uint64_t unfoldedLimit(size_t fileSize) {
-  return std::max<uint64_t>(uint64_t{1} << 20, uint64_t{fileSize} * 16);
+  return std::max<uint64_t>(uint64_t{1} << 16, uint64_t{fileSize} * 16);
 }
 
 // Takes the first character off a text that is not empty; kNoCharacter where it is not UTF-8 (RFC

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "file_operations/file_manager.h"
@@ -10,6 +11,7 @@
 #include "platform/tree_copy.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/recorded_logs.h"
+#include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
 #include "tests/helpers/tree_snapshot.h"
 
@@ -172,6 +174,24 @@ TEST(CopyAndMove, AcrossVolumesTheCopyIsDurableBeforeTheSourceGoes) {
     }
     TreeCopy::replace(nullptr);
     RecursiveRemove::replace(nullptr);
+  }));
+}
+
+TEST(CopyAndMove, ASourceThatCannotBeSetAsideStaysWhole) {
+  if (!canMount()) GTEST_SKIP() << "refusing calls needs root";
+  const TemporaryRoot root;
+  root.makeFile("from", "text");
+  EXPECT_TRUE(runInMountNamespace([&] {
+    ASSERT_TRUE(refuseCalls({SYS_rename, SYS_renameat2}, EXDEV));
+    RecordedProductLog log;
+    EXPECT_TRUE(
+        files.moveItemAtURL(URL::fileURL(root / "from"), URL::fileURL(root / "to"), nullptr));
+    EXPECT_EQ(readAll(root / "to"), "text");
+    EXPECT_EQ(readAll(root / "from"), "text");
+    ASSERT_EQ(log.lines.size(), 1U);
+    EXPECT_NE(log.lines[0].find("setting aside file://" + (root / "from") + " failed"),
+              std::string::npos)
+        << log.lines[0];
   }));
 }
 

@@ -1,0 +1,323 @@
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "AppMigrator/container_info.h"
+#include "file_operations/file_manager.h"
+#include "platform/icon.h"
+#include "platform/tree_copy.h"
+#include "tests/AppMigrator/migrator_fixture.h"
+#include "tests/helpers/leased_file.h"
+#include "tests/helpers/mounts.h"
+#include "tests/helpers/refusing_remove.h"
+
+namespace pallion::test {
+
+namespace {
+
+class Disturbed : public MigratorFixture {
+ protected:
+  // One application "org.foo" in the container "C" with one group container.
+  void layOut() {
+    const PLFileManager& files = PLFileManager::defaultManager();
+    for (const char* path : {kApplications, "new", "groups", kInstallMap})
+      files.removeItemAtURL(URL::fileURL(root / path), nullptr);
+    installer.installed.clear();
+    installer.groups = {{"org.foo", {"g"}}};
+    makeApplication("C", "org.foo");
+    root.makeFile("groups/1/shared", "shared");
+    root.makeFile("groups/file", "no directory");
+    root.makeFile("elsewhere/canary", "c");
+    mapGroupTo("groups/1");
+    hostLog.lines.clear();
+  }
+
+  void mapGroupTo(const std::string& path) const {
+    makeInstallMap({{"g", Value::dictionary({{"Container", Value::string(root / path)}})}});
+  }
+
+  // What is to be moved is in the old place or in the new one, whole.
+  void expectNothingLost() const {
+    EXPECT_TRUE(readAll(inApplications("C/Documents/letter")) == "org.foo" ||
+                readAll(installer.dataContainer("org.foo") + "/Documents/letter") == "org.foo");
+    EXPECT_TRUE(readAll(root / "groups/1/shared") == "shared" ||
+                readAll(root / "new/group/g/shared") == "shared");
+    EXPECT_EQ(readAll(root / "groups/file"), "no directory");
+    EXPECT_EQ(readAll(root / "elsewhere/canary"), "c");
+  }
+
+  bool loggedBeginningWith(const std::string& prefix) const {
+    for (const std::string& line : lines(false)) {
+      if (line.starts_with(prefix)) return true;
+    }
+    return false;
+  }
+};
+
+// As long as it lives, the process has nothing of a resource: RLIMIT_FSIZE, each write to a file
+// answers EFBIG; RLIMIT_NOFILE, each opening answers EMFILE.
+class Exhausted {
+ public:
+  explicit Exhausted(__rlimit_resource_t resource) : resource_(resource) {
+    getrlimit(resource_, &before_);
+    const rlimit none{0, before_.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(resource_, &none);
+  }
+  Exhausted(const Exhausted&) = delete;
+  Exhausted& operator=(const Exhausted&) = delete;
+  ~Exhausted() {
+    setrlimit(resource_, &before_);
+    signal(SIGXFSZ, SIG_DFL);
+  }
+
+ private:
+  __rlimit_resource_t resource_;
+  rlimit before_{};
+};
+
+// A renderer that always has a picture.
+class Painter : public IconRenderer {
+ public:
+  Painter() { replace(this); }
+  ~Painter() override { replace(nullptr); }
+  std::optional<Image> render(QXBundle&) override { return Image{1, 1, {1, 2, 3, 255}}; }
+};
+
+}  // namespace
+
+TEST_F(Disturbed, FailuresAreToldAndNothingIsLost) {
+  const std::string c = std::string(kApplications) + "/C";
+  struct Row {
+    const char* name;
+    std::function<void()> make;
+    std::string refusedRemoval;
+    bool result;
+    std::optional<bool> remains;  // the container; either when none
+    std::string line;
+  };
+  const auto mark = [&](std::string_view key, const std::string& path) {
+    Dictionary marker = markerFor("C", "Foo.app", "org.foo");
+    marker.set(key, Value::string(root / path));
+    makeMarker("C", marker);
+  };
+  const Row rows[] = {
+      {"staging is a link", [&] { root.makeLink(c + "/Staging", root / "elsewhere"); }, "", true,
+       false, "3 PLAppMigrator: Found symlink at $A/C/Staging/ ; removing"},
+      {"payload is a link", [&] { root.makeLink(c + "/Staging/Payload", root / "elsewhere"); }, "",
+       true, false, "3 PLAppMigrator: Found symlink at $A/C/Staging/Payload/ ; removing"},
+      {"bundle in the way", [&] { root.makeFile(c + "/Staging/Payload/Foo.app/x"); }, "", false,
+       false, "3 PLAppMigrator: Failed to move bundle from file://$A/C/Foo.app/ to "},
+      {"plug-in in the way",
+       [&] {
+         makeBundle("C", "Bar.vpnplugin", "org.bar");
+         root.makeFile(c + "/Staging/Payload/Bar.vpnplugin/x");
+       },
+       "", false, false, "3 PLAppMigrator: Failed to move vpn bundle from "},
+      {"container stays", [] {}, "/Applications/C", false, true,
+       "3 PLAppMigrator: Failed to remove container $A/C/ : "},
+      {"old layout stays", [] {}, "/Applications", true, false,
+       "3 PLAppMigrator: Failed to remove $A/ : "},
+      {"install map stays", [] {}, ".pallion.plist", true, false,
+       "3 PLAppMigrator: Failed to remove $R/private/var/mobile/Library/Caches/"},
+      {"old group container stays", [] {}, "/groups/1", true, false,
+       "3 PLAppMigrator: Failed to remove old group container at $R/groups/1/ : "},
+      {"group is a file", [&] { mapGroupTo("groups/file"); }, "", true, false,
+       "3 PLAppMigrator: Failed to get all urls in source group container $R/groups/file/ : "},
+      {"group is its destination",
+       [&] {
+         root.makeFile("new/group/g/own", "own");
+         mapGroupTo("new/group/g");
+       },
+       "", true, false, "3 PLAppMigrator: Source group container at $R/new/group/g/ lies in "},
+      {"group lies in its destination",
+       [&] {
+         root.makeFile("new/group/g/sub/own", "own");
+         mapGroupTo("new/group/g/sub");
+       },
+       "", true, false, "3 PLAppMigrator: Source group container at $R/new/group/g/sub/ lies in "},
+      {"no groups", [&] { installer.groups.clear(); }, "", true, false,
+       "5 PLAppMigrator: No group containers to migrate for org.foo"},
+      {"bundle without list",
+       [&] {
+         makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
+         PLFileManager::defaultManager().removeItemAtURL(
+             URL::fileURL(inApplications("C/Foo.app/Info.plist")), nullptr);
+       },
+       "", false, true,
+       "3 PLAppMigrator: Failed to get bundle info dictionary for bundle $A/C/Foo.app/"},
+      {"marker of another container", [&] { mark(kContainerPathKey, "elsewhere"); }, "", false,
+       true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
+      {"marker with another bundle", [&] { mark(kBundlePathKey, "elsewhere/Foo.app"); }, "", false,
+       true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
+      {"marker with another plug-in", [&] { mark(kSecondBundlePathKey, "elsewhere/V.vpnplugin"); },
+       "", false, true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
+      {"container of the same identifier", [&] { makeApplication("D", "org.foo"); }, "", false,
+       std::nullopt,
+       "3 PLAppMigrator: Another container of org.foo was migrated already; skipping "},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    layOut();
+    row.make();
+    {
+      const RefusingRemove refusing(row.refusedRemoval);
+      EXPECT_EQ(run(), row.result);
+    }
+    EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
+    const bool remains = exists(inApplications("C"));
+    EXPECT_EQ(remains, row.remains.value_or(remains));
+    expectNothingLost();
+  }
+}
+
+TEST_F(Disturbed, OldLayoutThatCannotBeRemovedAtOnce) {
+  for (const std::string name : {"/Applications", ".pallion.plist"}) {
+    layOut();
+    PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(inApplications("C")), nullptr);
+    const RefusingRemove refusing(name);
+    EXPECT_TRUE(PLAppMigrator(configuration).init());
+    ASSERT_EQ(lines().size(), 1U);
+    EXPECT_TRUE(lines()[0].starts_with("3 PLAppMigrator: Failed to remove $")) << lines()[0];
+    EXPECT_NE(lines()[0].find(name == "/Applications" ? "$A" : name), std::string::npos);
+  }
+}
+
+TEST_F(Disturbed, WhatCannotBeReadJustNowIsNotAbsent) {
+  struct Row {
+    std::string file;
+    std::string line;
+  };
+  const Row rows[] = {
+      {kInstallMap, "3 PLAppMigrator: Group containers of org.foo are not known"},
+      {std::string(kApplications) + "/C/" + std::string(kMigrationMarkerName),
+       "3 PLAppMigrator: Failed to load migration marker file from "},
+  };
+  for (const Row& row : rows) {
+    layOut();
+    // Nothing but the marker tells what the second one was.
+    if (row.file != kInstallMap) {
+      makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
+      PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(inApplications("C/Foo.app")),
+                                                      nullptr);
+    }
+    {
+      const LeasedFile leased(root / row.file);
+      if (!leased.held()) GTEST_SKIP() << "no leases on this file system";
+      EXPECT_FALSE(run());
+    }
+    EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
+    EXPECT_TRUE(exists(inApplications("C")));
+    EXPECT_TRUE(exists(root / "groups/1/shared"));
+    EXPECT_TRUE(exists(root / kInstallMap));
+    expectNothingLost();
+  }
+}
+
+// Without room for the marker the run goes on, without room for the placeholder it doesn't.
+TEST_F(Disturbed, WithoutRoom) {
+  const Painter painter;
+  for (const bool known : {true, false}) {
+    layOut();
+    if (known) installer.installed = {"org.foo"};
+    {
+      const Exhausted exhausted(RLIMIT_FSIZE);
+      EXPECT_EQ(run(), known);
+    }
+    EXPECT_TRUE(loggedBeginningWith(
+        "3 PLAppMigrator: Failed to write out container marker dictionary... "));
+    EXPECT_NE(known, loggedBeginningWith("3 PLAppMigrator: Failed to write image data to "));
+    EXPECT_NE(known, loggedBeginningWith("3 PLAppMigrator: Failed to write placeholder Info"));
+    EXPECT_EQ(exists(inApplications("C")), !known);
+    expectNothingLost();
+  }
+}
+
+// A directory that can't be listed just now is neither empty nor without a bundle.
+TEST_F(Disturbed, WithoutDescriptors) {
+  layOut();
+  PLAppMigrator migrator(configuration);
+  ASSERT_TRUE(migrator.init());
+  {
+    const Exhausted exhausted(RLIMIT_NOFILE);
+    migrator.performMigration();
+  }
+  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to get URLs in container $A/C/ : "));
+  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to determine if any items were "));
+  EXPECT_EQ(readAll(inApplications("C/Documents/letter")), "org.foo");
+
+  class Exhausting : public FakeInstaller {
+   public:
+    using FakeInstaller::FakeInstaller;
+    bool installApplication(const URL& url, const Dictionary& options, Error* error,
+                            const StatusBlock& block) override {
+      const bool result = FakeInstaller::installApplication(url, options, error, block);
+      if (*options.getString(kAppPackageTypeKey) != kAppPackageTypePlaceholder)
+        exhausted.emplace(RLIMIT_NOFILE);
+      return result;
+    }
+    std::optional<Exhausted> exhausted;
+  } exhausting(root);
+  layOut();
+  exhausting.groups = {{"org.foo", {"g"}}};
+  EXPECT_FALSE(run());
+  exhausting.exhausted.reset();
+  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to get all urls in source group "));
+  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to enumerate container $A/C/ for "));
+  EXPECT_TRUE(exists(inApplications("C")));
+  expectNothingLost();
+}
+
+// Copies that may not be on their medium keep their sources.
+TEST_F(Disturbed, AcrossVolumesSourcesGoOnlyAfterTheSync) {
+  if (!canMount()) GTEST_SKIP() << "mounting is not permitted here";
+  class FailingSync : public TreeCopy {
+   public:
+    FailingSync() { replace(this); }
+    ~FailingSync() override { replace(nullptr); }
+    int copy(const char* source, const char* destination) override {
+      return system().copy(source, destination);
+    }
+    int syncVolume(const char* path) override { return system().syncVolume(path); }
+    int syncCopies(const char* path) override {
+      if (std::string_view(path).find(failing) != std::string_view::npos) return errno = EIO, -1;
+      return system().syncCopies(path);
+    }
+    std::string_view failing;
+  };
+  struct Row {
+    std::string_view failing;
+    bool result;
+    bool remains;
+    bool groupRemains;
+    const char* line;
+  };
+  const Row rows[] = {
+      {"/data/", false, true, true, "3 PLAppMigrator: Failed to move file://$A/C/ to "},
+      {"/group/", true, false, true, "3 PLAppMigrator: Failed to move item $R/groups/1/ to "},
+      {"nothing", true, false, false, "5 PLAppMigrator: Removing container for org.foo at "},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.failing);
+    layOut();
+    root.makeDirectory("new/data");
+    root.makeDirectory("new/group");
+    EXPECT_TRUE(runInMountNamespace([&] {
+      const Mount data = Mount::tmpfs(root / "new/data", "size=1m");
+      const Mount group = Mount::tmpfs(root / "new/group", "size=1m");
+      ASSERT_TRUE(data.mounted() && group.mounted());
+      FailingSync failing;
+      failing.failing = row.failing;
+      EXPECT_EQ(run(), row.result);
+      EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
+      EXPECT_EQ(exists(inApplications("C/Documents/letter")), row.remains);
+      EXPECT_EQ(exists(root / "groups/1/shared"), row.groupRemains);
+      expectNothingLost();
+    }));
+  }
+}
+
+}  // namespace pallion::test
