@@ -1,4 +1,4 @@
-// measure COMMAND [ARGUMENT...]: runs a command with its output thrown away and prints
+// bench-measure COMMAND [ARGUMENT...]: runs a command with its output thrown away and prints
 // "<wall seconds> <user seconds> <system seconds> <peak resident KiB>". Ends with the command's
 // exit status.
 
@@ -11,18 +11,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
+#include "benchmarks/figures.h"
 
-double seconds(const timeval& time) {
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
+namespace {
 
 [[noreturn]] void run(char** command) {
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   dup2(null, STDIN_FILENO);
   dup2(null, STDOUT_FILENO);
   execvp(command[0], command);
-  std::fprintf(stderr, "measure: %s: %s\n", command[0], std::strerror(errno));
+  std::fprintf(stderr, "bench-measure: %s: %s\n", command[0], std::strerror(errno));
   _exit(127);
 }
 
@@ -30,24 +28,23 @@ double seconds(const timeval& time) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::fprintf(stderr, "usage: measure COMMAND [ARGUMENT...]\n");
+    std::fprintf(stderr, "usage: bench-measure COMMAND [ARGUMENT...]\n");
     return 2;
   }
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = fork();
   if (child < 0) {
-    std::perror("measure: fork");
+    std::perror("bench-measure: fork");
     return 1;
   }
   if (child == 0) run(argv + 1);
   int status = 0;
   rusage usage{};
   if (wait4(child, &status, 0, &usage) != child) {
-    std::perror("measure: wait4");
+    std::perror("bench-measure: wait4");
     return 1;
   }
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
-  std::printf("%.6f %.6f %.6f %ld\n", wall.count(), seconds(usage.ru_utime),
-              seconds(usage.ru_stime), usage.ru_maxrss);
+  pallion::bench::printFigures(wall, usage);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

@@ -4,12 +4,12 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "file_operations/error_makers.h"
 #include "file_operations/path_strings.h"
+#include "platform/directory_reader.h"
+#include "platform/item_status.h"
 #include "platform/product_log.h"
 #include "platform/recursive_remove.h"
 
@@ -53,38 +53,24 @@ bool PLFileManager::itemDoesNotExistAtURL(const URL& url) const {
 
 namespace {
 
-unsigned char typeOfEntry(int directory, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type;
-  struct stat status {};
-  if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
-  if (S_ISDIR(status.st_mode)) return DT_DIR;
-  if (S_ISLNK(status.st_mode)) return DT_LNK;
-  return S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
+unsigned char typeOfEntry(int directory, const DirectoryReader::Entry& entry) {
+  if (entry.type != DT_UNKNOWN) return entry.type;
+  ItemStatus status;
+  if (!readStatus({directory, entry.name}, status)) return DT_UNKNOWN;
+  const auto type = static_cast<unsigned char>(IFTODT(status.mode));
+  const bool tells = type == DT_DIR || type == DT_LNK || type == DT_REG;
+  return tells ? type : static_cast<unsigned char>(DT_UNKNOWN);
 }
 
-struct CloseDirectory {
-  void operator()(DIR* stream) const { closedir(stream); }
-};
-
-// Calls `done(name, type)` for every entry, "." and ".." included, until it answers true. 0 or an
-// errno.
-template <class Done>
-int _IterateDirectory(const URL& url, const Done& done) {
-  const int descriptor =
-      open(url.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (descriptor < 0) return errno;
-  const std::unique_ptr<DIR, CloseDirectory> stream(fdopendir(descriptor));
-  if (!stream) {
-    const int number = errno;
-    close(descriptor);
-    return number;
-  }
-  while (true) {
-    errno = 0;  // the end of the directory is told from a failure by errno alone
-    const dirent* entry = readdir(stream.get());
-    if (!entry) return errno;
-    if (done(std::string_view(entry->d_name), typeOfEntry(descriptor, *entry))) return 0;
-  }
+// Calls `visit(name, type)` for every entry but "." and "..". 0 or an errno.
+template <class Visit>
+int _IterateDirectory(const URL& url, const Visit& visit) {
+  DirectoryReader reader(
+      open(url.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!reader.isOpen()) return errno;
+  DirectoryReader::Entry entry;
+  while (reader.next(entry)) visit(entry.name, typeOfEntry(reader.descriptor(), entry));
+  return reader.error();
 }
 
 }  // namespace
@@ -95,17 +81,14 @@ std::optional<std::vector<URL>> PLFileManager::urlsForItemsInDirectoryAtURL(cons
   constexpr char kFunction[] =
       "-[PLFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]";
   std::vector<URL> items;
-  const int number = _IterateDirectory(url, [&](std::string_view name, unsigned char type) {
-    if (name == "." || name == "..") return false;
+  const int number = _IterateDirectory(url, [&](const char* name, unsigned char type) {
     if (type == DT_LNK && ignoringSymlinks) {
       LogWrite(kLogNotice, kFunction, "Ignoring symlink at %s/%s", url.fileSystemRepresentation(),
-               name.data());
-      return false;
+               name);
+      return;
     }
-    items.push_back(url.appending(
-        PallionAdditions::stringWithFileSystemRepresentation(name.data(), name.size()),
-        type == DT_DIR ? URL::Kind::kDirectory : URL::Kind::kFile));
-    return false;
+    items.push_back(url.appending(PallionAdditions::stringWithFileSystemRepresentation(name),
+                                  type == DT_DIR ? URL::Kind::kDirectory : URL::Kind::kFile));
   });
   if (number == 0) return items;
   failPOSIX(error, kFunction, __LINE__, number, "_IterateDirectory for %s returned %s",

@@ -17,6 +17,19 @@ namespace {
 
 constexpr size_t kTrailerSize = 32;
 
+bool isASCII(std::string_view text) {
+  constexpr uint64_t kHighBits = 0x8080808080808080;
+  uint64_t any = 0;
+  while (text.size() >= sizeof any) {
+    uint64_t word = 0;
+    std::memcpy(&word, text.data(), sizeof word);
+    any |= word;
+    text.remove_prefix(sizeof word);
+  }
+  for (const char c : text) any |= static_cast<unsigned char>(c);
+  return (any & kHighBits) == 0;
+}
+
 class BinaryReader {
  public:
   explicit BinaryReader(std::string_view bytes)
@@ -242,9 +255,7 @@ bool BinaryReader::readInteger(const Head& head, Value& value) const {
 
 bool BinaryReader::readASCII(const Head& head, Value& value) const {
   const std::string_view text = bytes_.substr(head.content, head.count);
-  unsigned char any = 0;
-  for (const char c : text) any = static_cast<unsigned char>(any | static_cast<unsigned char>(c));
-  if (any >= 0x80) return false;
+  if (!isASCII(text)) return false;
   value = Value::string(std::string(text));
   return true;
 }

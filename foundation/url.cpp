@@ -1,6 +1,7 @@
 #include "foundation/url.h"
 
 #include <climits>
+#include <utility>
 
 namespace pallion {
 
@@ -19,21 +20,25 @@ URL URL::fileURL(std::string_view path) {
   return fileURL(path, path.ends_with('/') ? Kind::kDirectory : Kind::kFile);
 }
 
-URL URL::fileURL(std::string_view path, Kind kind) {
+URL URL::fileURL(std::string_view path, Kind kind) { return make(std::string(path), kind); }
+
+URL URL::make(std::string path, Kind kind) {
   URL url;
-  url.representable_ = path.starts_with('/') && path.find('\0') == std::string_view::npos;
-  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-  url.path_ = path;
+  url.representable_ = path.starts_with('/') && path.find('\0') == std::string::npos;
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
   url.directory_ = kind == Kind::kDirectory || path == "/";
+  url.path_ = std::move(path);
   return url;
 }
 
 URL URL::appending(std::string_view relative, Kind kind) const {
-  std::string joined = path_;
-  if (!joined.ends_with('/')) joined += '/';
   while (relative.starts_with('/')) relative.remove_prefix(1);
+  std::string joined;
+  joined.reserve(path_.size() + 1 + relative.size());
+  joined = path_;
+  if (!joined.ends_with('/')) joined += '/';
   joined += relative;
-  URL url = fileURL(joined, kind);
+  URL url = make(std::move(joined), kind);
   url.representable_ = url.representable_ && representable_;
   return url;
 }

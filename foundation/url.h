@@ -50,6 +50,8 @@ class URL {
   friend bool operator==(const URL&, const URL&) = default;
 
  private:
+  static URL make(std::string path, Kind kind);
+
   std::string path_;  // without a slash at the end, but for the root
   bool directory_ = false;
   bool representable_ = true;

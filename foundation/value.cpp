@@ -7,7 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/random.h>
-#include <variant>
+#include <type_traits>
+#include <utility>
 
 #include "foundation/format.h"
 
@@ -15,14 +16,12 @@ namespace pallion {
 
 namespace {
 
-struct Date {
-  double seconds;
-};
-struct Bytes {
-  std::string bytes;
-};
-struct Members {
-  Value::Array members;
+// Containers keep their hash once somebody has asked for it; 0 until then.
+template <class T>
+struct Hashed {
+  T members;
+  mutable std::atomic<size_t> hash{0};
+  explicit Hashed(T held) : members(std::move(held)) {}
 };
 
 uint64_t hashKey() {
@@ -43,11 +42,12 @@ uint64_t mix(uint64_t a, uint64_t b) {
 
 uint64_t hashBytes(std::string_view bytes) {
   constexpr uint64_t kOdd = 0xA0761D6478BD642F;
-  uint64_t hash = hashKey() ^ (bytes.size() * kOdd);
+  const uint64_t key = hashKey();
+  uint64_t hash = key ^ (bytes.size() * kOdd);
   while (bytes.size() >= sizeof(uint64_t)) {
     uint64_t word = 0;
     std::memcpy(&word, bytes.data(), sizeof word);
-    hash = mix(hash ^ word, kOdd ^ hashKey());
+    hash = mix(hash ^ word, kOdd ^ key);
     bytes.remove_prefix(sizeof word);
   }
   uint64_t rest = 0;
@@ -68,56 +68,77 @@ constexpr double kTwoTo64 = 18446744073709551616.0;
 
 }  // namespace
 
-struct Value::Object {
-  std::variant<std::string, bool, int64_t, uint64_t, double, Bytes, Date, Array, Dictionary,
-               Members>
-      content;
-  mutable std::atomic<size_t> containerHash{0};  // 0 until somebody asks for it
-
-  template <class T>
-  requires(!std::is_same_v<std::remove_cvref_t<T>, Object>) explicit Object(T&& held)
-      : content(std::forward<T>(held)) {}
+// How a value is held.
+enum class Value::Kind : uint8_t {
+  kString,
+  kBoolean,
+  kInteger,
+  kLargeUnsigned,
+  kReal,
+  kData,
+  kDate,
+  kArray,
+  kDictionary,
+  kSet
 };
 
-Value Value::string(std::string text) {
-  return Value(std::make_shared<const Object>(std::move(text)));
+// An object is as large as its content needs and no larger: with very many texts, memory is what
+// takes the time.
+struct Value::Object {
+  const Kind kind;
+};
+
+template <class T>
+struct Value::Holder : Object {
+  const T content;
+  template <class From>
+  Holder(Kind k, From&& from) : Object{k}, content(std::forward<From>(from)) {}
+};
+
+template <class T>
+Value Value::make(Kind kind, T content) {
+  constexpr bool kIsContainer = std::is_same_v<T, Array> || std::is_same_v<T, Dictionary>;
+  using Content = std::conditional_t<kIsContainer, Hashed<T>, T>;
+  return Value(std::make_shared<const Holder<Content>>(kind, std::move(content)));
 }
-Value Value::boolean(bool truth) { return Value(std::make_shared<const Object>(truth)); }
-Value Value::integer(int64_t number) { return Value(std::make_shared<const Object>(number)); }
+
+template <class T>
+const T* Value::held(Kind kind) const {
+  if (!object_ || object_->kind != kind) return nullptr;
+  return &static_cast<const Holder<T>&>(*object_).content;
+}
+
+Value Value::string(std::string text) { return make(Kind::kString, std::move(text)); }
+Value Value::boolean(bool truth) { return make(Kind::kBoolean, truth); }
+Value Value::integer(int64_t number) { return make(Kind::kInteger, number); }
 Value Value::unsignedInteger(uint64_t number) {
   if (number <= INT64_MAX) return integer(static_cast<int64_t>(number));
-  return Value(std::make_shared<const Object>(number));
+  return make(Kind::kLargeUnsigned, number);
 }
-Value Value::real(double number) { return Value(std::make_shared<const Object>(number)); }
-Value Value::data(std::string bytes) {
-  return Value(std::make_shared<const Object>(Bytes{std::move(bytes)}));
-}
-Value Value::date(double seconds) { return Value(std::make_shared<const Object>(Date{seconds})); }
-Value Value::array(Array members) {
-  return Value(std::make_shared<const Object>(std::move(members)));
-}
-Value Value::dictionary(Dictionary entries) {
-  return Value(std::make_shared<const Object>(std::move(entries)));
-}
+Value Value::real(double number) { return make(Kind::kReal, number); }
+Value Value::data(std::string bytes) { return make(Kind::kData, std::move(bytes)); }
+Value Value::date(double seconds) { return make(Kind::kDate, seconds); }
+Value Value::array(Array members) { return make(Kind::kArray, std::move(members)); }
+Value Value::dictionary(Dictionary entries) { return make(Kind::kDictionary, std::move(entries)); }
 Value Value::set(Array members) {
   Dictionary seen;
-  Members unique;
+  Array unique;
   for (Value& member : members) {
     const size_t before = seen.size();
     seen.set(member, member);
-    if (seen.size() != before) unique.members.push_back(std::move(member));
+    if (seen.size() != before) unique.push_back(std::move(member));
   }
-  return Value(std::make_shared<const Object>(std::move(unique)));
+  return make(Kind::kSet, std::move(unique));
 }
 
 Value::Class Value::valueClass() const {
   if (!object_) return Class::kNone;
-  // In the order of the variant's alternatives.
+  // In the order of the kinds.
   constexpr Class kClasses[] = {Class::kString,     Class::kBoolean, Class::kNumber, Class::kNumber,
                                 Class::kNumber,     Class::kData,    Class::kDate,   Class::kArray,
                                 Class::kDictionary, Class::kSet};
-  static_assert(std::size(kClasses) == std::variant_size_v<decltype(Object::content)>);
-  return kClasses[object_->content.index()];
+  static_assert(std::size(kClasses) == static_cast<size_t>(Kind::kSet) + 1);
+  return kClasses[static_cast<size_t>(object_->kind)];
 }
 
 bool Value::isKindOfClass(Class k) const {
@@ -125,39 +146,35 @@ bool Value::isKindOfClass(Class k) const {
   return own != Class::kNone && (own == k || (own == Class::kBoolean && k == Class::kNumber));
 }
 
-const std::string* Value::asString() const {
-  return object_ ? std::get_if<std::string>(&object_->content) : nullptr;
-}
-const std::string* Value::asData() const {
-  const Bytes* held = object_ ? std::get_if<Bytes>(&object_->content) : nullptr;
-  return held ? &held->bytes : nullptr;
-}
+const std::string* Value::asString() const { return held<std::string>(Kind::kString); }
+const std::string* Value::asData() const { return held<std::string>(Kind::kData); }
 const Value::Array* Value::asArray() const {
-  return object_ ? std::get_if<Array>(&object_->content) : nullptr;
+  const auto* array = held<Hashed<Array>>(Kind::kArray);
+  return array ? &array->members : nullptr;
 }
 const Value::Array* Value::asSet() const {
-  const Members* held = object_ ? std::get_if<Members>(&object_->content) : nullptr;
-  return held ? &held->members : nullptr;
+  const auto* set = held<Hashed<Array>>(Kind::kSet);
+  return set ? &set->members : nullptr;
 }
 const Dictionary* Value::asDictionary() const {
-  return object_ ? std::get_if<Dictionary>(&object_->content) : nullptr;
+  const auto* dictionary = held<Hashed<Dictionary>>(Kind::kDictionary);
+  return dictionary ? &dictionary->members : nullptr;
 }
 std::optional<bool> Value::asBoolean() const {
-  const bool* held = object_ ? std::get_if<bool>(&object_->content) : nullptr;
-  return held ? std::optional(*held) : std::nullopt;
+  const bool* truth = held<bool>(Kind::kBoolean);
+  return truth ? std::optional(*truth) : std::nullopt;
 }
 std::optional<double> Value::asDate() const {
-  const Date* held = object_ ? std::get_if<Date>(&object_->content) : nullptr;
-  return held ? std::optional(held->seconds) : std::nullopt;
+  const double* seconds = held<double>(Kind::kDate);
+  return seconds ? std::optional(*seconds) : std::nullopt;
 }
 
 int64_t Value::int64Value() const {
-  if (!object_) return 0;
-  if (const auto* number = std::get_if<int64_t>(&object_->content)) return *number;
-  if (const auto* number = std::get_if<uint64_t>(&object_->content))
+  if (const auto* number = held<int64_t>(Kind::kInteger)) return *number;
+  if (const auto* number = held<uint64_t>(Kind::kLargeUnsigned))
     return static_cast<int64_t>(*number);
-  if (const auto* truth = std::get_if<bool>(&object_->content)) return *truth ? 1 : 0;
-  const auto* number = std::get_if<double>(&object_->content);
+  if (const auto* truth = held<bool>(Kind::kBoolean)) return *truth ? 1 : 0;
+  const auto* number = held<double>(Kind::kReal);
   if (!number || std::isnan(*number)) return 0;
   if (*number >= kTwoTo63) return INT64_MAX;
   return *number <= -kTwoTo63 ? INT64_MIN : static_cast<int64_t>(*number);
@@ -173,15 +190,14 @@ uint64_t Value::uint64Value() const {
 }
 
 double Value::doubleValue() const {
-  if (isReal()) return std::get<double>(object_->content);
-  if (isLargeUnsigned()) return static_cast<double>(std::get<uint64_t>(object_->content));
+  if (const auto* number = held<double>(Kind::kReal)) return *number;
+  if (const auto* number = held<uint64_t>(Kind::kLargeUnsigned))
+    return static_cast<double>(*number);
   return static_cast<double>(int64Value());
 }
 
-bool Value::isReal() const { return object_ && std::holds_alternative<double>(object_->content); }
-bool Value::isLargeUnsigned() const {
-  return object_ && std::holds_alternative<uint64_t>(object_->content);
-}
+bool Value::isReal() const { return held<double>(Kind::kReal) != nullptr; }
+bool Value::isLargeUnsigned() const { return held<uint64_t>(Kind::kLargeUnsigned) != nullptr; }
 
 bool operator==(const Value& a, const Value& b) {
   if (a.object_ == b.object_) return true;
@@ -238,10 +254,13 @@ size_t Value::hash() const {
     case Class::kSet:
     case Class::kDictionary: {
       // Any thread may be the first to ask; all of them find the same.
-      size_t hash = object_->containerHash.load(std::memory_order_relaxed);
+      const auto* dictionary = held<Hashed<Dictionary>>(Kind::kDictionary);
+      const auto* members = dictionary ? nullptr : held<Hashed<Array>>(object_->kind);
+      std::atomic<size_t>& kept = dictionary ? dictionary->hash : members->hash;
+      size_t hash = kept.load(std::memory_order_relaxed);
       if (hash == 0) {
         hash = hashOfContainer();
-        object_->containerHash.store(hash, std::memory_order_relaxed);
+        kept.store(hash, std::memory_order_relaxed);
       }
       return hash;
     }

@@ -70,7 +70,15 @@ class Value {
   static size_t hashOfString(std::string_view text);
 
  private:
+  enum class Kind : uint8_t;
   struct Object;
+  template <class T>
+  struct Holder;
+  template <class T>
+  static Value make(Kind kind, T content);
+  // Null when the object is of another kind.
+  template <class T>
+  [[nodiscard]] const T* held(Kind kind) const;
   [[nodiscard]] size_t hashOfContainer() const;
   explicit Value(std::shared_ptr<const Object> object) : object_(std::move(object)) {}
   std::shared_ptr<const Object> object_;

@@ -14,8 +14,8 @@ namespace pallion {
 namespace {
 
 constexpr size_t kBufferSize = size_t{256} * 1024;
-// A file up to here takes one read and one write. Where nothing is really offloaded, as on tmpfs
-// and ext4, that costs less than asking the kernel to copy.
+// A file, or a piece between holes, up to here takes one read and one write. Where nothing is
+// really offloaded, as on tmpfs and ext4, that costs less than asking the kernel to copy.
 constexpr off_t kLargestInOnePiece = off_t{64} * 1024;
 // One call can't be interrupted for much longer than this takes.
 constexpr off_t kLargestOffload = off_t{1} << 30;
@@ -110,7 +110,7 @@ bool DataCopy::copyPieces(int source, const ItemStatus& status, int destination)
 }
 
 bool DataCopy::copyRange(int source, int destination, off_t begin, off_t end) {
-  begin = offload(source, destination, begin, end);
+  if (end - begin > kLargestInOnePiece) begin = offload(source, destination, begin, end);
   if (begin < 0) return false;
   while (begin < end) {
     const size_t wanted = std::min(kBufferSize, static_cast<size_t>(end - begin));

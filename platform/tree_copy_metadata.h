@@ -13,9 +13,7 @@ namespace pallion {
 struct CreatedAs {
   uid_t owner = 0;
   gid_t group = 0;
-  mode_t mode = kUnknownMode;  // permission bits
-
-  static constexpr mode_t kUnknownMode = ~mode_t{0};
+  mode_t mode = 0;  // permission bits
 };
 
 // Carries everything but the content from one item to another. One thread at a time.

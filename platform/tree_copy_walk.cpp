@@ -164,10 +164,13 @@ bool TreeCopyWalk::copyFile(const ItemReference& source, const ItemReference& de
   bool linked = false;
   if (!isOfTheTree(status) || !linkToCopy(status, destination, linked)) return false;
   if (linked) return true;
+  // Where nobody else reaches into the directory, a file may have its permissions from the start.
+  const mode_t mode = levels_.empty() ? kPrivate : status.mode & 0777U;
   UniqueDescriptor output(openat(destination.descriptor, destination.name,
-                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivate));
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
   CreatedAs as;
-  if (!output || !created({output.get()}, as) || !data_.copy(input.get(), status, output.get()) ||
+  if (!output || !created({output.get()}, mode, as) ||
+      !data_.copy(input.get(), status, output.get()) ||
       !metadata_.copy({input.get()}, status, {output.get()}, as)) {
     return false;
   }
@@ -200,7 +203,7 @@ bool TreeCopyWalk::copySpecial(const ItemReference& source, const ItemReference&
     return false;
   }
   CreatedAs as;
-  if (!created(destination, as) || !metadata_.copy(source, status, destination, as)) {
+  if (!created(destination, kPrivate, as) || !metadata_.copy(source, status, destination, as)) {
     return false;
   }
   rememberCopy(status, destination.name);
@@ -214,18 +217,24 @@ bool TreeCopyWalk::isOfTheTree(const ItemStatus& status) const {
   return !sameItem(status, topDestination_) || fail(EINVAL);
 }
 
-bool TreeCopyWalk::created(const ItemReference& item, CreatedAs& as) {
-  if (!levels_.empty()) {
+bool TreeCopyWalk::created(const ItemReference& item, mode_t asked, CreatedAs& as) {
+  const bool isTop = levels_.empty();
+  if (!isTop) {
     // Everything in the copy is created by the same process, and has its group from the directory
-    // where the directory had it from its own. The mask may have taken from the mode.
+    // where the directory had it from its own.
     const ItemStatus& directory = levels_.back().destinationStatus;
-    as = {directory.owner, directory.group, CreatedAs::kUnknownMode};
-    return true;
+    as = {directory.owner, directory.group, asked & grantedModeBits_};
+    if ((asked & ~knownModeBits_) == 0) return true;
+  } else if (!S_ISLNK(top_.mode) && !metadata_.dropInheritedAccess(item, false)) {
+    return false;
   }
   ItemStatus status;
-  if (!S_ISLNK(top_.mode) && !metadata_.dropInheritedAccess(item, false)) return false;
   if (!readStatus(item, status)) return false;
   as = {status.owner, status.group, status.mode & 07777U};
+  // A volume that gives what was not asked for has rules of its own, and nothing is learned there.
+  if (isTop || (as.mode & ~asked) != 0) return true;
+  knownModeBits_ |= asked;
+  grantedModeBits_ |= as.mode;
   return true;
 }
 

@@ -52,8 +52,9 @@ class TreeCopyWalk {
 
   // Whether the item is of the tree's volume; EXDEV otherwise.
   bool isOfTheTree(const ItemStatus& status) const;
-  // What the new item got from its creation, after anything inherited was taken away.
-  bool created(const ItemReference& item, CreatedAs& as);
+  // What the new item, created with the mode `asked`, got from that, after anything inherited was
+  // taken away.
+  bool created(const ItemReference& item, mode_t asked, CreatedAs& as);
 
   // Stores whether the item was copied before under another name and is now a link to that.
   bool linkToCopy(const ItemStatus& status, const ItemReference& destination, bool& linked);
@@ -67,6 +68,10 @@ class TreeCopyWalk {
   ItemStatus topDestination_;  // when a directory
   DataCopy data_;
   MetadataCopy metadata_;
+  // Permission bits that new items were asked to have, and those of them that they got: what the
+  // process's mask leaves is learned from the first item, and no call spent on the others.
+  mode_t knownModeBits_ = 0;
+  mode_t grantedModeBits_ = 0;
   CopiedLinks links_;
   // The directory that was linked from last: names of one item often come in a row, and the way to
   // the first of them may be long.

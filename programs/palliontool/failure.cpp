@@ -74,10 +74,13 @@ bool tellLoggedErrors() {
 
 URL location(const std::string& path) {
   if (path.starts_with('/')) return URL::fileURL(path);
-  std::error_code error;
-  const std::string directory = std::filesystem::current_path(error).string();
+  // Asked once: by the time of the first path the program has entered its root.
+  static const std::string directory = [] {
+    std::error_code error;
+    return std::filesystem::current_path(error).string();
+  }();
   // Without a working directory there is no such item either.
-  if (error) return URL::fileURL(path);
+  if (directory.empty()) return URL::fileURL(path);
   return URL::fileURL(directory == "/" ? "/" + path : directory + "/" + path);
 }
 
