@@ -58,6 +58,7 @@ uint64_t hashBytes(std::string_view bytes) {
 
 uint64_t hashNumber(double number) {
   if (number == 0) number = 0;  // -0.0 equals 0.0
+  if (std::isnan(number)) number = NAN;
   uint64_t bits = 0;
   std::memcpy(&bits, &number, sizeof bits);
   return mix(bits ^ hashKey(), 0xE7037ED1A0B428DB);
@@ -199,6 +200,13 @@ double Value::doubleValue() const {
 bool Value::isReal() const { return held<double>(Kind::kReal) != nullptr; }
 bool Value::isLargeUnsigned() const { return held<uint64_t>(Kind::kLargeUnsigned) != nullptr; }
 
+namespace {
+
+// What is not a number equals itself here, so that a key is found again whatever it is.
+bool sameNumber(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+
+}  // namespace
+
 bool operator==(const Value& a, const Value& b) {
   if (a.object_ == b.object_) return true;
   const Value::Class own = a.valueClass();
@@ -211,12 +219,12 @@ bool operator==(const Value& a, const Value& b) {
     case Value::Class::kBoolean:
       return a.asBoolean() == b.asBoolean();
     case Value::Class::kNumber:
-      if (a.isReal() || b.isReal()) return a.doubleValue() == b.doubleValue();
+      if (a.isReal() || b.isReal()) return sameNumber(a.doubleValue(), b.doubleValue());
       return a.isLargeUnsigned() == b.isLargeUnsigned() && a.int64Value() == b.int64Value();
     case Value::Class::kData:
       return *a.asData() == *b.asData();
     case Value::Class::kDate:
-      return a.asDate() == b.asDate();
+      return sameNumber(*a.asDate(), *b.asDate());
     case Value::Class::kArray:
       return *a.asArray() == *b.asArray();
     case Value::Class::kDictionary:
