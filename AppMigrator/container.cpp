@@ -50,6 +50,7 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
       PLFileManager::defaultManager().bundleAtURLIsPlaceholder(bundle);
   const URL marker = container.appending(kMigrationMarkerName, URL::Kind::kFile);
 
+  stepStarted("marker");
   if (writePropertyListFile(Value::dictionary(info), marker, PropertyListFormat::kBinary,
                             Durability::kSynced) != 0) {
     logError(kFunction,
@@ -63,8 +64,9 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
       logNotice(kFunction,
                 "PLAppMigrator: App %@ is already installed, so not creating placeholder.",
                 identifier);
-    } else if (!_stageAndInstallPlaceholderForBundleAtURL(bundle, identifier, container)) {
-      return false;
+    } else {
+      stepStarted("placeholder");
+      if (!_stageAndInstallPlaceholderForBundleAtURL(bundle, identifier, container)) return false;
     }
   }
 
@@ -81,6 +83,7 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
 
   logNotice(kFunction, "PLAppMigrator: Moving data from container %@ to %@", container.path(),
             dataContainer->path());
+  stepStarted("data");
   PendingMoves moves;
   if (!_migrateDataContainerForIdentifier(identifier, container, *dataContainer, moves))
     return false;
@@ -91,6 +94,7 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
     if (secondBundle) secondPath = secondBundle->path();
     logNotice(kFunction, "PLAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
               identifier, bundle.path(), secondPath);
+    stepStarted("bundle");
     installed = _stageAndInstallBundleAtURL(bundle, identifier, secondBundle, container);
   }
   // After the installation, whose sync serves data that was copied to another volume as well.
@@ -99,11 +103,13 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
              *dataContainer, identifier, error);
     return false;
   }
+  stepStarted("groups");
   if (installed && !oldBundleIsPlaceholder &&
       (!_migrateGroupContainersForIdentifier(identifier) ||
        _containerHasMissedItems(container, identifier))) {
     return false;
   }
+  stepStarted("removal");
   // Also without the bundle: the user's data has left the container.
   removeContainer(container, marker, identifier);
   return installed;

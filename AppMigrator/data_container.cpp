@@ -31,6 +31,7 @@ bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
       moves.complete(nullptr);  // what was moved before stays moved
       return false;
     }
+    entryMoved(name);
   }
   return true;
 }

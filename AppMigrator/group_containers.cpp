@@ -126,7 +126,9 @@ bool PLAppMigrator::_moveAllItemsInGroupContainerURL(const URL& fromURL,
       logError(kFunction, "PLAppMigrator: Failed to move item %@ to %@ : %@", item.path(),
                destination.path(), error);
       allMoved = false;
+      continue;
     }
+    entryMoved(name);
   }
   return allMoved;
 }

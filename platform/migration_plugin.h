@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "foundation/value.h"
 
 // What a plug-in of the host's data-migration framework derives from, and how the host finds it in
 // a module.
@@ -17,6 +20,11 @@ class MigrationObserver {
   MigrationObserver& operator=(const MigrationObserver&) = delete;
   virtual ~MigrationObserver() = default;
   virtual void itemStarted(std::string_view identifier, std::string_view path) = 0;
+  // The item in hand enters a step of its migration; the one before is over. The name is the
+  // plug-in's own, short, for people.
+  virtual void stepStarted(std::string_view step) = 0;
+  // Something of the item in hand, the name of an entry or a path, has its new place.
+  virtual void entryMoved(std::string_view name) = 0;
   virtual void itemFinished(bool result) = 0;
 };
 
@@ -38,12 +46,17 @@ class MigrationPluginBase {
   virtual float estimatedDuration();
   // 0 to 1; negative when there is nothing to tell.
   virtual float migrationProgress();
+  // What performMigration would do now, as a property list whose keys the plug-in documents;
+  // changes nothing. None when this plug-in can't tell.
+  virtual std::optional<Dictionary> migrationPlan();
 
   // Not owned; null for none.
   void setObserver(MigrationObserver* observer) { observer_ = observer; }
 
  protected:
   void itemStarted(std::string_view identifier, std::string_view path);
+  void stepStarted(std::string_view step);
+  void entryMoved(std::string_view name);
   void itemFinished(bool result);
 
  private:
@@ -51,7 +64,7 @@ class MigrationPluginBase {
 };
 
 // Raised with every change of MigrationPluginBase or MigrationPluginDescriptor.
-inline constexpr uint32_t kMigrationPluginABIVersion = 1;
+inline constexpr uint32_t kMigrationPluginABIVersion = 2;
 
 struct MigrationPluginDescriptor {
   uint32_t abiVersion;

@@ -1,5 +1,6 @@
 #include "platform/tree_copy.h"
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
@@ -74,7 +75,7 @@ class SystemTreeCopy final : public TreeCopy {
  public:
   int copy(const char* source, const char* destination) override {
     if (!unsynced_.add(destination)) return -1;
-    const int error = TreeCopyWalk().run(source, destination);
+    const int error = TreeCopyWalk(bytesCopied_).run(source, destination);
     if (error == 0) return 0;
     errno = error;
     return -1;
@@ -83,8 +84,11 @@ class SystemTreeCopy final : public TreeCopy {
   int syncVolume(const char* path) override { return unsynced_.sync(path, false); }
   int syncCopies(const char* path) override { return unsynced_.sync(path, true); }
 
+  [[nodiscard]] uint64_t bytesCopied() const override { return bytesCopied_; }
+
  private:
   UnsyncedVolumes unsynced_;
+  std::atomic<uint64_t> bytesCopied_ = 0;
 };
 
 using Seam = Replaceable<TreeCopy, SystemTreeCopy>;

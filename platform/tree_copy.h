@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 // The platform's file copy.
 
 namespace pallion {
@@ -36,6 +38,10 @@ class TreeCopy {
   // (EIO) and not tried again, since the kernel may have dropped the pages and a second attempt
   // would succeed without them.
   virtual int syncCopies(const char* path) = 0;
+
+  // Bytes of content that this object's copies have written since the process began, those of a
+  // copy in progress included. From any thread.
+  [[nodiscard]] virtual uint64_t bytesCopied() const { return 0; }
 
   // The seam; see RecursiveRemove.
   static TreeCopy& current();

@@ -62,7 +62,10 @@ bool findData(int file, off_t& begin, off_t& dataEnd, off_t end) {
 }  // namespace
 
 bool DataCopy::copy(int source, const ItemStatus& status, int destination) {
-  if (status.size > 0 && clone(source, destination)) return true;
+  if (status.size > 0 && clone(source, destination)) {
+    count(status.size);
+    return true;
+  }
   if (status.size <= kLargestInOnePiece && status.allocated >= status.size) {
     return copyWhole(source, static_cast<size_t>(status.size), destination);
   }
@@ -82,14 +85,16 @@ bool DataCopy::copyWhole(int source, size_t size, int destination) {
   size_t filled = 0;
   do {
     // Always asks for more than is expected: getting exactly that is the end of the file.
-    const ssize_t count =
+    const ssize_t got =
         retriedAfterSignals([&] { return read(source, buffer() + filled, kBufferSize - filled); });
-    if (count < 0) return false;
-    if (count == 0) break;
-    filled += static_cast<size_t>(count);
+    if (got < 0) return false;
+    if (got == 0) break;
+    filled += static_cast<size_t>(got);
   } while (filled < size);
   if (filled != size) return fail(EBUSY);
-  return writeAll(destination, buffer(), size, 0);
+  if (!writeAll(destination, buffer(), size, 0)) return false;
+  count(static_cast<off_t>(size));
+  return true;
 }
 
 bool DataCopy::copyPieces(int source, const ItemStatus& status, int destination) {
@@ -114,12 +119,12 @@ bool DataCopy::copyRange(int source, int destination, off_t begin, off_t end) {
   if (begin < 0) return false;
   while (begin < end) {
     const size_t wanted = std::min(kBufferSize, static_cast<size_t>(end - begin));
-    const ssize_t count =
-        retriedAfterSignals([&] { return pread(source, buffer(), wanted, begin); });
-    if (count < 0) return false;
-    if (count == 0) return fail(EBUSY);
-    if (!writeAll(destination, buffer(), static_cast<size_t>(count), begin)) return false;
-    begin += count;
+    const ssize_t got = retriedAfterSignals([&] { return pread(source, buffer(), wanted, begin); });
+    if (got < 0) return false;
+    if (got == 0) return fail(EBUSY);
+    if (!writeAll(destination, buffer(), static_cast<size_t>(got), begin)) return false;
+    begin += got;
+    count(got);
   }
   return true;
 }
@@ -129,12 +134,13 @@ off_t DataCopy::offload(int source, int destination, off_t begin, off_t end) {
     off_t from = begin;
     off_t to = begin;
     const auto wanted = static_cast<size_t>(std::min(end - begin, kLargestOffload));
-    const ssize_t count = retriedAfterSignals(
+    const ssize_t done = retriedAfterSignals(
         [&] { return copy_file_range(source, &from, destination, &to, wanted, 0); });
     // Nothing copied need not be the end of the file: some file systems just don't.
-    if (count == 0) break;
-    if (count > 0) {
-      begin += count;
+    if (done == 0) break;
+    if (done > 0) {
+      begin += done;
+      count(done);
     } else if (isUnsupported(errno)) {
       mayOffload_ = false;
     } else {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <sys/types.h>
 
@@ -12,6 +14,8 @@ namespace pallion {
 // that the two can do, and remembers what they can't. One thread at a time.
 class DataCopy {
  public:
+  // Adds the bytes of content that it writes to `bytesCopied`, which outlives this object.
+  explicit DataCopy(std::atomic<uint64_t>& bytesCopied) : bytesCopied_(bytesCopied) {}
   // From `source`, whose `status` was read when it was opened, to the empty file `destination`.
   // Holes stay holes. False with errno set; EBUSY when the source was changed meanwhile.
   bool copy(int source, const ItemStatus& status, int destination);
@@ -25,6 +29,11 @@ class DataCopy {
   off_t offload(int source, int destination, off_t begin, off_t end);
   char* buffer();
 
+  void count(off_t bytes) {
+    bytesCopied_.fetch_add(static_cast<uint64_t>(bytes), std::memory_order_relaxed);
+  }
+
+  std::atomic<uint64_t>& bytesCopied_;
   bool mayClone_ = true;
   bool mayOffload_ = true;
   std::unique_ptr<char[]> buffer_;

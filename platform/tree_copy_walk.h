@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -21,7 +23,8 @@ namespace pallion {
 // comes back to it, and is believed only when it is the same directory as before.
 class TreeCopyWalk {
  public:
-  TreeCopyWalk() = default;
+  // Adds what it writes to `bytesCopied`, which outlives this object.
+  explicit TreeCopyWalk(std::atomic<uint64_t>& bytesCopied) : data_(bytesCopied) {}
   TreeCopyWalk(const TreeCopyWalk&) = delete;
   TreeCopyWalk& operator=(const TreeCopyWalk&) = delete;
 

@@ -1,10 +1,17 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace pallion::host {
+
+// A step of a container's migration, as the plug-in names it.
+struct StepRecord {
+  std::string name;
+  double seconds = 0;
+};
 
 // What became of one container.
 struct ContainerRecord {
@@ -14,6 +21,10 @@ struct ContainerRecord {
   // The error that decided: of a failed container the last one before the plug-in's word that it
   // failed, of a migrated one the first, which did not keep it. Empty for none.
   std::string reason;
+  double seconds = 0;
+  std::vector<StepRecord> steps;  // in the order in which they were entered; the last was reached
+  uint64_t entries = 0;           // of its user data and groups that have their new place
+  uint64_t bytes = 0;             // of content that crossed volumes
 };
 
 // What became of a run. Members without a value were not reached.

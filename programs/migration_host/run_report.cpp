@@ -3,6 +3,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/tree_copy.h"
 #include "programs/common/console.h"
 #include "programs/migration_host/json_output.h"
 
@@ -10,9 +11,31 @@ namespace pallion::host {
 
 void RunReport::itemStarted(std::string_view identifier, std::string_view path) {
   const std::lock_guard lock(mutex_);
-  inHand_ = {std::string(identifier), std::string(path), false, {}};
+  inHand_ = {};
+  inHand_.identifier = identifier;
+  inHand_.path = path;
+  itemBegan_ = secondsSinceBegin();
+  bytesBefore_ = TreeCopy::current().bytesCopied();
   hasInHand_ = true;
   errorsInHand_.clear();
+}
+
+void RunReport::stepStarted(std::string_view step) {
+  const std::lock_guard lock(mutex_);
+  if (!hasInHand_) return;
+  const double now = secondsSinceBegin();
+  endStep(now);
+  stepBegan_ = now;
+  inHand_.steps.push_back({std::string(step), 0});
+}
+
+void RunReport::endStep(double now) {
+  if (!inHand_.steps.empty()) inHand_.steps.back().seconds = now - stepBegan_;
+}
+
+void RunReport::entryMoved(std::string_view /*name*/) {
+  const std::lock_guard lock(mutex_);
+  ++inHand_.entries;
 }
 
 void RunReport::itemFinished(bool result) {
@@ -20,6 +43,10 @@ void RunReport::itemFinished(bool result) {
   if (!hasInHand_) return;
   hasInHand_ = false;
   inHand_.result = result;
+  const double now = secondsSinceBegin();
+  endStep(now);
+  inHand_.seconds = now - itemBegan_;
+  inHand_.bytes = TreeCopy::current().bytesCopied() - bytesBefore_;
   // What decides a failure comes last but for the plug-in's own word that the item failed.
   const size_t errors = errorsInHand_.size();
   if (errors != 0) inHand_.reason = errorsInHand_[result || errors == 1 ? 0 : errors - 2];

@@ -22,6 +22,8 @@ class RunReport : public MigrationObserver, public ErrorListener {
   explicit RunReport(ReportForm form) : form_(form) {}
 
   void itemStarted(std::string_view identifier, std::string_view path) override;
+  void stepStarted(std::string_view step) override;
+  void entryMoved(std::string_view name) override;
   void itemFinished(bool result) override;
   void errorLogged(std::string_view message) override;
 
@@ -47,6 +49,7 @@ class RunReport : public MigrationObserver, public ErrorListener {
 
  private:
   [[nodiscard]] double secondsSinceBegin() const;
+  void endStep(double now);
 
   const ReportForm form_;
   std::mutex mutex_;
@@ -54,6 +57,11 @@ class RunReport : public MigrationObserver, public ErrorListener {
   ContainerRecord inHand_;
   std::vector<std::string> errorsInHand_;
   bool hasInHand_ = false;
+  // When the container in hand and its step were begun, in seconds of the run, and what had been
+  // copied by then.
+  double itemBegan_ = 0;
+  double stepBegan_ = 0;
+  uint64_t bytesBefore_ = 0;
   bool hasBegun_ = false;
   std::chrono::steady_clock::time_point beginning_;
 };

@@ -79,6 +79,8 @@ class FakeMigrator : public pallion::MigrationPluginBase {
     rest = unescaped(rest);
     if (command == "fail") result = false;
     if (command == "start") itemStarted(unescaped(first), rest);
+    if (command == "step") stepStarted(first);
+    if (command == "moved") entryMoved(first);
     if (command == "finish") itemFinished(first == "true");
     if (command == "progress") progress_ = std::stof(first);
     if (command == "error") pallion::MigrationLog("-[Fake run]", "Shiftweller", 3, "%@", rest);
