@@ -19,7 +19,7 @@ constexpr char kMove[] = "-[PLFileManager _moveItemAtURL:toURL:failIfSrcMissing:
 
 enum class Source { kPresent, kMissing, kUnknown };
 
-// The test that the forms which accept a missing source make first.
+// The test of the forms which accept a missing source.
 Source sourceState(const URL& source, Error* error, const char* function) {
   struct stat status {};
   if (lstat(source.fileSystemRepresentation(), &status) == 0) return Source::kPresent;
@@ -60,14 +60,16 @@ bool PLFileManager::_moveItemAtURL(const URL& source, const URL& destination, bo
 
 bool PendingMoves::_moveItemAtURL(const URL& source, const URL& destination, bool failIfSrcMissing,
                                   Error* error) {
-  if (!failIfSrcMissing) {
-    const Source state = sourceState(source, error, kMove);
-    if (state != Source::kPresent) return state == Source::kMissing;
-  }
   if (rename(source.fileSystemRepresentation(), destination.fileSystemRepresentation()) == 0)
     return true;
-  if (errno != EXDEV) {
-    const int number = errno;
+  const int number = errno;
+  if (number != EXDEV) {
+    // Whether there is anything to move is asked only here: most often there is, and the rename has
+    // told so.
+    if (!failIfSrcMissing) {
+      const Source state = sourceState(source, error, kMove);
+      if (state != Source::kPresent) return state == Source::kMissing;
+    }
     return failPOSIX(error, kMove, __LINE__, number, "rename of %@ to %@ failed: %s", source,
                      destination, std::strerror(number));
   }

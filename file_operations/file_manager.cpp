@@ -126,6 +126,7 @@ bool PLFileManager::removeItemAtURL(const URL* url, Error* error) const {
     return failPOSIX(error, kFunction, __LINE__, EFAULT,
                      "nil url passed to -removeItemAtURL:error:");
   }
+  state->expectDirectory(url->isDirectory());
   int firstError = 0;
   if (!state->setErrorCallback(&_removefile_error_callback)) {
     LogWrite(kLogError, kFunction,

@@ -75,6 +75,15 @@ std::string temporaryNameFor(const std::string& name) {
   return temporary.append(digits).append(kSuffix);
 }
 
+// Results of writing besides errno values.
+constexpr int kAgain = -1;        // another writer of the same file was in between
+constexpr int kNotPossible = -2;  // not on this file system, or not for this process
+
+// Whether that errno of opening an unnamed file comes from a kernel or file system that has none.
+bool isUnnamedUnknown(int number) {
+  return number == EOPNOTSUPP || number == EISDIR || number == ENOENT || number == EINVAL;
+}
+
 class AtomicWrite {
  public:
   AtomicWrite(int directory, std::string name, std::string_view bytes, Durability durability,
@@ -90,10 +99,6 @@ class AtomicWrite {
   int run();
 
  private:
-  // Results besides errno values.
-  static constexpr int kAgain = -1;        // another writer of the same file was in between
-  static constexpr int kNotPossible = -2;  // not on this file system, or not for this process
-
   int writeUnnamed();
   int replaceWith(const UniqueDescriptor& file);
   int link(const UniqueDescriptor& file, const std::string& name) const;
@@ -128,13 +133,7 @@ int AtomicWrite::run() {
 int AtomicWrite::writeUnnamed() {
   const UniqueDescriptor file(retriedAfterSignals(
       [&] { return openat(directory_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode_); }));
-  if (!file) {
-    // Without support: EOPNOTSUPP; EISDIR, ENOENT and EINVAL from kernels and file systems that
-    // don't know the flag.
-    const bool unknown =
-        errno == EOPNOTSUPP || errno == EISDIR || errno == ENOENT || errno == EINVAL;
-    return unknown ? kNotPossible : errno;
-  }
+  if (!file) return isUnnamedUnknown(errno) ? kNotPossible : errno;
   if (const int error = writeAll(file.get(), bytes_, durability_)) return error;
   const int error = link(file, name_);
   return error == EEXIST ? replaceWith(file) : error;
@@ -210,6 +209,18 @@ int AtomicWrite::removeLeftOver() {
   return unlinkat(directory_, temporary_.c_str(), 0) == 0 || errno == ENOENT ? kAgain : errno;
 }
 
+// A file where none stands, which needs no descriptor of its directory. EEXIST when one does,
+// kNotPossible as in AtomicWrite, or another errno.
+int writeNewFile(const char* directory, const char* path, std::string_view bytes,
+                 Durability durability, mode_t mode) {
+  const UniqueDescriptor file(
+      retriedAfterSignals([&] { return open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, mode); }));
+  if (!file) return isUnnamedUnknown(errno) ? kNotPossible : errno;
+  if (const int error = writeAll(file.get(), bytes, durability)) return error;
+  if (linkat(file.get(), "", AT_FDCWD, path, AT_EMPTY_PATH) == 0) return 0;
+  return errno == ENOENT || errno == EPERM ? kNotPossible : errno;
+}
+
 }  // namespace
 
 std::optional<std::string> readFile(const URL& url, int* errorNumber, FileCache cache,
@@ -228,6 +239,9 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   const std::string name = url.lastPathComponent();
   if (name == "/") return EISDIR;
   const URL parent = url.deletingLastPathComponent();
+  const int result = writeNewFile(parent.fileSystemRepresentation(), url.fileSystemRepresentation(),
+                                  bytes, durability, mode);
+  if (result != EEXIST && result != kNotPossible) return result;
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   const UniqueDescriptor directory(
       retriedAfterSignals([&] { return open(parent.fileSystemRepresentation(), kFlags); }));

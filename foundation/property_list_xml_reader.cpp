@@ -2,6 +2,7 @@
 #include <memory>
 #include <vector>
 
+#include "foundation/hash_key.h"
 #include "foundation/property_list.h"
 #include "foundation/property_list_formats.h"
 #include "foundation/property_list_xml_scalars.h"
@@ -89,6 +90,8 @@ class XMLReader {
 Value XMLReader::read(std::string_view bytes) {
   parser_.reset(XML_ParserCreate(nullptr));
   if (!parser_) return {};
+  // Without one the parser asks the kernel for a key of its own, once a document.
+  XML_SetHashSalt(parser_.get(), hashKey());
   XML_SetUserData(parser_.get(), this);
   XML_SetElementHandler(parser_.get(), onStart, onEnd);
   XML_SetCharacterDataHandler(parser_.get(), onText);

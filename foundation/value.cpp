@@ -6,11 +6,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <sys/random.h>
 #include <type_traits>
 #include <utility>
 
 #include "foundation/format.h"
+#include "foundation/hash_key.h"
 
 namespace pallion {
 
@@ -23,15 +23,6 @@ struct Hashed {
   mutable std::atomic<size_t> hash{0};
   explicit Hashed(T held) : members(std::move(held)) {}
 };
-
-uint64_t hashKey() {
-  static const uint64_t kKey = [] {
-    uint64_t key = 0;
-    if (getrandom(&key, sizeof key, 0) != sizeof key) key = 0x9E3779B97F4A7C15;
-    return key | 1;
-  }();
-  return kKey;
-}
 
 // Folded 128-bit product: a small keyed mixer, so that keys chosen to collide do not.
 uint64_t mix(uint64_t a, uint64_t b) {

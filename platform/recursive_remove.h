@@ -23,6 +23,10 @@ class RemovalState {
   // The errno of the item that is being reported; only within the callback.
   virtual bool errorNumber(int& number) const;
 
+  // What the item most likely is, which decides what is tried first; false at the beginning.
+  void expectDirectory(bool expected) { expectsDirectory_ = expected; }
+  [[nodiscard]] bool expectsDirectory() const { return expectsDirectory_; }
+
   // For implementations: reports one failing item by its whole path, answers whether to go on.
   bool report(const char* path, int number);
 
@@ -30,6 +34,7 @@ class RemovalState {
   ErrorCallback callback_ = nullptr;
   void* context_ = nullptr;
   int errorNumber_ = 0;
+  bool expectsDirectory_ = false;
 };
 
 class RecursiveRemove {

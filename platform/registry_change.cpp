@@ -77,8 +77,8 @@ Outcome RegistryChange::commit() {
   open_ = false;
   removedTrash_.clear();
   bool settled = true;
-  for (const auto& [kind, uuid] : incoming_) {
-    const int failed = containers_.settle(kind, uuid);
+  for (const auto& [kind, uuid, bundles] : incoming_) {
+    const int failed = containers_.settle(kind, uuid, bundles);
     if (failed == 0) continue;
     settled = false;
     LogWrite(kLogError, function_, "Failed to move %s to %s: %s", containers_.incoming(kind, uuid),

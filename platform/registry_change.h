@@ -32,8 +32,11 @@ class RegistryChange {
   Outcome begin();
   // Makes a container in Incoming; it is removed again unless there is a commit.
   Outcome make(Kind kind, std::string& uuid);
-  // Says that a container that stands in Incoming gets recorded; without a commit it stays there.
-  void adopt(Kind kind, const std::string& uuid) { incoming_.emplace_back(kind, uuid); }
+  // Says that a container that stands in Incoming gets recorded, with bundles of these names in it;
+  // without a commit it stays there.
+  void adopt(Kind kind, const std::string& uuid, std::vector<std::string> bundles = {}) {
+    incoming_.push_back({kind, uuid, std::move(bundles)});
+  }
   // Records a bundle, with a new data container when the row has none yet.
   Outcome storeBundle(BundleRow& row);
   // Records which groups a bundle names, with new containers for groups that have none.
@@ -53,8 +56,13 @@ class RegistryChange {
   std::vector<std::string>& removedTrash_;
   const char* function_;
   bool open_ = false;
-  std::vector<std::pair<Kind, std::string>> made_;      // to be removed without a commit
-  std::vector<std::pair<Kind, std::string>> incoming_;  // to be moved to their places
+  std::vector<std::pair<Kind, std::string>> made_;  // to be removed without a commit
+  struct Incoming {
+    Kind kind;
+    std::string uuid;
+    std::vector<std::string> bundles;
+  };
+  std::vector<Incoming> incoming_;  // to be moved to their places
   std::vector<TrashRow> trash_;
 };
 

@@ -50,9 +50,15 @@ int renameItem(const std::string& from, const std::string& to) {
   return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
 }
 
-// Moves the bundles of a staging directory up beside its store metadata.
-int arrangePackage(const std::string& directory) {
+// Moves the bundles of a staging directory up beside its store metadata. Those with `known` names
+// first, which may well be all.
+int arrangePackage(const std::string& directory, const std::vector<std::string>& known) {
   const std::string payload = directory + "/Payload";
+  for (const std::string& name : known) {
+    const int failed = renameItem(payload + "/" + name, directory + "/" + name);
+    if (failed != 0 && failed != ENOENT) return failed;
+  }
+  if (!known.empty() && rmdir(payload.c_str()) == 0) return 0;
   const std::optional<std::vector<std::string>> names = namesInDirectory(payload);
   if (!names) return errno == ENOENT ? 0 : errno;
   for (const std::string& name : *names) {
@@ -117,10 +123,11 @@ int RegistryContainers::make(Kind kind, const std::string& uuid) const {
   return failed;
 }
 
-int RegistryContainers::settle(Kind kind, const std::string& uuid) const {
+int RegistryContainers::settle(Kind kind, const std::string& uuid,
+                               const std::vector<std::string>& bundles) const {
   const std::string from = incoming(kind, uuid);
   if (kind == Kind::kBundle) {
-    const int failed = arrangePackage(from);
+    const int failed = arrangePackage(from, bundles);
     if (failed != 0) return failed;
   }
   return renameItem(from, place(kind, uuid));
@@ -175,6 +182,7 @@ int removeTree(const std::string& path) {
   RecursiveRemove& remover = RecursiveRemove::current();
   const std::unique_ptr<RemovalState> state(remover.allocateState());
   if (!state) return ENOMEM;
+  state->expectDirectory(true);
   if (remover.remove(path.c_str(), *state) == 0) return 0;
   return errno == ENOENT ? 0 : errno;
 }

@@ -49,8 +49,10 @@ class RegistryContainers {
   // container) or kGroup in Incoming. 0 or an errno; EEXIST when it stands there already.
   [[nodiscard]] int make(Kind kind, const std::string& uuid) const;
   // Moves a recorded container from Incoming to its place, a taken-over staging directory with its
-  // bundles out of Payload. 0 or an errno; repeating it after a failure or an interruption goes on.
-  [[nodiscard]] int settle(Kind kind, const std::string& uuid) const;
+  // bundles out of Payload; who knows their names saves looking. 0 or an errno; repeating it after
+  // a failure or an interruption goes on.
+  [[nodiscard]] int settle(Kind kind, const std::string& uuid,
+                           const std::vector<std::string>& bundles = {}) const;
   // Sees that a recorded data or group container stands in its place; makes a new one where it was
   // lost. 0 or an errno.
   [[nodiscard]] int ensure(Kind kind, const std::string& uuid) const;

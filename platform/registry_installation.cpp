@@ -187,7 +187,9 @@ Outcome EmbeddedRegistry::recordPackage(const StagedPackage& package, const std:
                                         const char* function) {
   RegistryChange recording = change(function);
   if (Outcome failed = recording.begin()) return failed;
-  recording.adopt(Kind::kBundle, uuid);
+  std::vector<std::string> bundles = {package.main->name};
+  if (package.plugin) bundles.push_back(package.plugin->name);
+  recording.adopt(Kind::kBundle, uuid, std::move(bundles));
   if (Outcome failed = recordBundle(recording, *package.main, uuid)) return failed;
   if (package.plugin && !package.plugin->identifier.empty() &&
       package.plugin->identifier != package.main->identifier) {

@@ -51,11 +51,18 @@ RemovalWalk::~RemovalWalk() {
 int RemovalWalk::run(const char* path) {
   path_ = path;
   while (path_.size() > 1 && path_.back() == '/') path_.pop_back();
-  // A single file or link needs nothing more.
-  if (unlinkat(AT_FDCWD, path_.c_str(), 0) == 0) return 0;
-  int number = errno;
-  // Neither does an empty directory.
-  if (number == EISDIR && unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR) == 0) return 0;
+  // An empty directory needs nothing more, nor does a single file or link.
+  int number = EISDIR;
+  const auto removeEmpty = [this] { return unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR) == 0; };
+  if (state_.expectsDirectory()) {
+    if (removeEmpty()) return 0;
+    number = errno == ENOTEMPTY || errno == EEXIST ? EISDIR : errno;
+  }
+  if (!state_.expectsDirectory() || (number != EISDIR && number != ENOENT)) {
+    if (unlinkat(AT_FDCWD, path_.c_str(), 0) == 0) return 0;
+    number = errno;
+    if (number == EISDIR && removeEmpty()) return 0;
+  }
   if (number == ENOENT) return number;
   topParent_ = openParentDirectory(path_, topName_);
   if (topParent_ < 0) {
