@@ -15,14 +15,18 @@ namespace {
 constexpr char kFunction[] =
     "-[PLAppMigrator _stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]";
 
-// Takes a symbolic link away that stands where a directory of ours is to be: what follows would be
-// done to whatever it leads to. False when nothing stands there.
-bool takeLinkAway(const URL& directory) {
+// Makes a directory of ours. A symbolic link that stands there is taken away first: what follows
+// would be done to whatever it leads to. True when a directory stood there before. Failures show
+// when the directory is used.
+bool makeOwnDirectory(const URL& directory) {
+  const char* path = directory.fileSystemRepresentation();
+  if (mkdir(path, 0755) == 0 || errno != EEXIST) return false;
   struct stat status {};
-  if (lstat(directory.fileSystemRepresentation(), &status) != 0) return false;
+  if (lstat(path, &status) != 0) return false;
   if (!S_ISLNK(status.st_mode)) return true;
   logError(kFunction, "PLAppMigrator: Found symlink at %@ ; removing", directory.path());
   PLFileManager::defaultManager().removeItemAtURL(directory, nullptr);
+  mkdir(path, 0755);
   return false;
 }
 
@@ -65,7 +69,7 @@ bool PLAppMigrator::_stageAndInstallBundleAtURL(const URL& bundle, const std::st
   const PLFileManager& files = PLFileManager::defaultManager();
   const URL staging = container.appending("Staging", URL::Kind::kDirectory);
   const URL payload = staging.appending("Payload", URL::Kind::kDirectory);
-  if (takeLinkAway(staging)) takeLinkAway(payload);
+  if (makeOwnDirectory(staging)) makeOwnDirectory(payload);
   Error error;
   if (!files.createDirectoryAtURL(payload, true, 0755, &error)) {
     logError(kFunction, "PLAppMigrator: Failed to create %@ : %@", payload, error);
