@@ -31,14 +31,15 @@ UniqueDescriptor openDirectoryOf(const char* path) {
 // Volumes with copies that have not been synced. May be used from any thread.
 class UnsyncedVolumes {
  public:
-  // To be called before the copy is made. False with errno set.
-  bool add(const char* destination) {
+  // To be called before the copy is made. Stores the volume; false with errno set.
+  bool add(const char* destination, dev_t& volume) {
     std::string name;
     const UniqueDescriptor parent(openParentDirectory(destination, name));
     struct stat status {};
     if (!parent || fstat(parent.get(), &status) != 0) return false;
     const std::lock_guard guard(mutex_);
-    lost_.try_emplace(status.st_dev, false);
+    volume = status.st_dev;
+    lost_.try_emplace(volume, false);
     return true;
   }
 
@@ -74,8 +75,9 @@ class UnsyncedVolumes {
 class SystemTreeCopy final : public TreeCopy {
  public:
   int copy(const char* source, const char* destination) override {
-    if (!unsynced_.add(destination)) return -1;
-    const int error = TreeCopyWalk(bytesCopied_).run(source, destination);
+    dev_t volume = 0;
+    if (!unsynced_.add(destination, volume)) return -1;
+    const int error = TreeCopyWalk(bytesCopied_).run(source, destination, volume, knownAbilities());
     if (error == 0) return 0;
     errno = error;
     return -1;
@@ -87,6 +89,12 @@ class SystemTreeCopy final : public TreeCopy {
   [[nodiscard]] uint64_t bytesCopied() const override { return bytesCopied_; }
 
  private:
+  // A thread learns for itself.
+  static TreeCopyWalk::KnownAbilities& knownAbilities() {
+    static thread_local TreeCopyWalk::KnownAbilities known;
+    return known;
+  }
+
   UnsyncedVolumes unsynced_;
   std::atomic<uint64_t> bytesCopied_ = 0;
 };

@@ -74,10 +74,10 @@ bool DataCopy::copy(int source, const ItemStatus& status, int destination) {
 
 // Any failure leaves the other ways, which will tell what is wrong with the file.
 bool DataCopy::clone(int source, int destination) {
-  if (!mayClone_) return false;
+  if (!abilities.clone) return false;
   if (ioctl(destination, FICLONE, source) == 0) return true;
   // A file may be refused (EINVAL) for itself, on volumes that can.
-  mayClone_ = !isUnsupported(errno) || errno == EINVAL;
+  abilities.clone = !isUnsupported(errno) || errno == EINVAL;
   return false;
 }
 
@@ -130,7 +130,7 @@ bool DataCopy::copyRange(int source, int destination, off_t begin, off_t end) {
 }
 
 off_t DataCopy::offload(int source, int destination, off_t begin, off_t end) {
-  while (mayOffload_ && begin < end) {
+  while (abilities.offload && begin < end) {
     off_t from = begin;
     off_t to = begin;
     const auto wanted = static_cast<size_t>(std::min(end - begin, kLargestOffload));
@@ -142,7 +142,7 @@ off_t DataCopy::offload(int source, int destination, off_t begin, off_t end) {
       begin += done;
       count(done);
     } else if (isUnsupported(errno)) {
-      mayOffload_ = false;
+      abilities.offload = false;
     } else {
       return -1;
     }

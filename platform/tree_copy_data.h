@@ -10,12 +10,20 @@
 
 namespace pallion {
 
+// What two volumes can do together, until they answer that they can't.
+struct CopyAbilities {
+  bool clone = true;
+  bool offload = true;
+};
+
 // Copies the content of regular files from one volume to another (or the same), in the cheapest way
 // that the two can do, and remembers what they can't. One thread at a time.
 class DataCopy {
  public:
   // Adds the bytes of content that it writes to `bytesCopied`, which outlives this object.
   explicit DataCopy(std::atomic<uint64_t>& bytesCopied) : bytesCopied_(bytesCopied) {}
+  // What is known of the volumes before the first copy, and after the last.
+  CopyAbilities abilities;
   // From `source`, whose `status` was read when it was opened, to the empty file `destination`.
   // Holes stay holes. False with errno set; EBUSY when the source was changed meanwhile.
   bool copy(int source, const ItemStatus& status, int destination);
@@ -34,8 +42,6 @@ class DataCopy {
   }
 
   std::atomic<uint64_t>& bytesCopied_;
-  bool mayClone_ = true;
-  bool mayOffload_ = true;
   std::unique_ptr<char[]> buffer_;
 };
 

@@ -67,10 +67,13 @@ bool MetadataCopy::copy(const ItemReference& source, const ItemStatus& status,
 }
 
 bool MetadataCopy::dropInheritedAccess(const ItemReference& item, bool isDirectory) {
-  const auto drop = [&](const char* name) {
-    return remove(item, name) == 0 || errno == ENODATA || errno == ENOTSUP;
+  const auto work = [&] {
+    // A directory that inherited a list for itself has one for what is made in it as well.
+    const bool inherited = !isDirectory || (get(item, kDefaultList, nullptr, 0) >= 0 &&
+                                            remove(item, kDefaultList) == 0);
+    if (inherited && remove(item, kAccessList) == 0) return true;
+    return errno == ENODATA || errno == ENOTSUP;
   };
-  const auto work = [&] { return drop(kAccessList) && (!isDirectory || drop(kDefaultList)); };
   return item.name ? reachingNames(work) : work();
 }
 

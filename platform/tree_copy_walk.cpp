@@ -36,21 +36,25 @@ UniqueDescriptor openSource(const ItemReference& item, int flags) {
 
 }  // namespace
 
-int TreeCopyWalk::run(const char* source, const char* destination) {
+int TreeCopyWalk::run(const char* source, const char* destination, dev_t volume,
+                      KnownAbilities& known) {
   std::string sourceName;
   std::string destinationName;
   const UniqueDescriptor sourceParent(openParentDirectory(source, sourceName));
   if (!sourceParent) return errno;
   const UniqueDescriptor destinationParent(openParentDirectory(destination, destinationName));
   if (!destinationParent) return errno;
-  return copyTop({sourceParent.get(), sourceName.c_str()},
-                 {destinationParent.get(), destinationName.c_str()})
-             ? 0
-             : errno;
+  const ItemReference from{sourceParent.get(), sourceName.c_str()};
+  if (!readStatus(from, top_)) return errno;
+  CopyAbilities& abilities = known[{top_.device, volume}];
+  data_.abilities = abilities;
+  const bool copied = copyTop(from, {destinationParent.get(), destinationName.c_str()});
+  const int number = copied ? 0 : errno;
+  abilities = data_.abilities;
+  return number;
 }
 
 bool TreeCopyWalk::copyTop(const ItemReference& source, const ItemReference& destination) {
-  if (!readStatus(source, top_)) return false;
   if (S_ISREG(top_.mode)) return copyFile(source, destination);
   if (!S_ISDIR(top_.mode)) return copySpecial(source, destination);
   if (!enter(source, destination)) return false;

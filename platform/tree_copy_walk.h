@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/unique_descriptor.h"
@@ -23,13 +25,16 @@ namespace pallion {
 // comes back to it, and is believed only when it is the same directory as before.
 class TreeCopyWalk {
  public:
+  // What is known of pairs of volumes, the source's first.
+  using KnownAbilities = std::map<std::pair<dev_t, dev_t>, CopyAbilities>;
+
   // Adds what it writes to `bytesCopied`, which outlives this object.
   explicit TreeCopyWalk(std::atomic<uint64_t>& bytesCopied) : data_(bytesCopied) {}
   TreeCopyWalk(const TreeCopyWalk&) = delete;
   TreeCopyWalk& operator=(const TreeCopyWalk&) = delete;
 
-  // 0, or the errno that the copy ends with.
-  int run(const char* source, const char* destination);
+  // 0, or the errno that the copy ends with. `volume` is the one of the destination's directory.
+  int run(const char* source, const char* destination, dev_t volume, KnownAbilities& known);
 
  private:
   struct Level {
