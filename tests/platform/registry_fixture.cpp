@@ -14,15 +14,6 @@ std::string element(std::string_view key, const std::string& text) {
   return "<key>" + std::string(key) + "</key><string>" + text + "</string>";
 }
 
-void write(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-    text.replace(at, from.size(), to);
-}
-
 }  // namespace
 
 void makeBundle(const std::string& path, const BundleContent& content) {
@@ -32,13 +23,11 @@ void makeBundle(const std::string& path, const BundleContent& content) {
   if (!content.version.empty()) entries += element(kQXBundleVersion, content.version);
   if (!content.executable.empty()) {
     entries += element(kQXBundleExecutable, content.executable);
-    write(path + "/" + content.executable, "code of " + content.identifier);
+    std::ofstream(path + "/" + content.executable) << "code of " + content.identifier;
   }
   entries += "<key>" + std::string(kQXApplicationGroups) + "</key><array>";
   for (const std::string& group : content.groups) entries += "<string>" + group + "</string>";
-  write(path + "/Info.plist",
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + entries +
-            "</array></dict></plist>\n");
+  std::ofstream(path + "/Info.plist") << "<plist><dict>" + entries + "</array></dict></plist>";
 }
 
 std::string RegistryTest::makeStaging(const std::string& name, const std::string& bundle,
@@ -95,25 +84,26 @@ TreeSnapshot RegistryTest::newLayout() const {
   const std::unique_ptr<Registry> reader =
       Registry::atRoot(root_.url(), Registry::Access::kReadOnly);
   std::vector<std::pair<std::string, std::string>> names;
+  const auto name = [&names](const std::optional<URL>& url, const std::string& owner) {
+    if (url) names.emplace_back(url->lastPathComponent(), owner);
+  };
   for (const BundleProxy& each : reader->allProxies(nullptr).value_or(std::vector<BundleProxy>())) {
-    const auto name = [&names](const std::string& kind, const std::optional<URL>& url,
-                               const std::string& owner) {
-      if (url) names.emplace_back(url->lastPathComponent(), kind + owner);
-    };
-    name("bundle of ", each.bundleContainerURL(), each.bundleIdentifier());
-    name("data of ", each.dataContainerURL(), each.bundleIdentifier());
-    for (const auto& [group, url] : *each.groupContainerURLs()) name("group ", url, group);
+    name(each.bundleContainerURL(), "bundle of " + each.bundleIdentifier());
+    name(each.dataContainerURL(), "data of " + each.bundleIdentifier());
+    for (const auto& [group, url] : *each.groupContainerURLs()) name(url, "group " + group);
   }
   for (const SafeHarborRecord& each :
-       reader->allSafeHarbors(nullptr).value_or(std::vector<SafeHarborRecord>())) {
-    names.emplace_back(std::filesystem::path(each.path).filename(), "harbor of " + each.identifier);
-  }
+       reader->allSafeHarbors(nullptr).value_or(std::vector<SafeHarborRecord>()))
+    name(URL::fileURL(each.path), "harbor of " + each.identifier);
   TreeSnapshot named;
   for (const auto& [path, line] :
        snapshotTree(root_ / "private/var/palliond", {.ignoreTimes = true})) {
     if (path.find("registry.sqlite") != std::string::npos) continue;
     std::string readable = path;
-    for (const auto& [uuid, owner] : names) replaceAll(readable, uuid, owner);
+    for (const auto& [uuid, owner] : names) {
+      const size_t at = readable.find(uuid);
+      if (at != std::string::npos) readable.replace(at, uuid.size(), owner);
+    }
     named[readable] = line;
   }
   return named;

@@ -1,213 +1,331 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <string>
+#include <linux/fs.h>
+#include <memory>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
+#include "platform/recursive_remove.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
-#include "tests/platform/removal_fixture.h"
+#include "tests/helpers/temporary_root.h"
 
 namespace pallion::test {
 namespace {
 
-TEST(Remove, TakesEveryKindOfItemAtTheTopAndBelow) {
-  const TemporaryRoot root;
-  const Canary canary(root);
-  struct Kind {
-    std::string name;
-    std::function<bool(const char* path)> make;
-  };
-  const auto directory = [](const char* path) { return mkdir(path, 0700) == 0; };
-  const std::vector<Kind> kinds = {
-      {"file",
-       [](const char* path) {
-         touch(path);
-         return true;
-       }},
-      {"empty", directory},
-      {"full",
-       [](const char* path) {
-         std::filesystem::create_directories(std::string(path) + "/a/b/c");
-         touch(std::string(path) + "/a/file");
-         return true;
-       }},
-      {"unwritable",
-       [](const char* path) {
-         mkdir(path, 0700);
-         touch(std::string(path) + "/file");
-         return !test::isRoot() || chmod(path, 0) == 0;
-       }},
-      {"dangling", [](const char* path) { return symlink("nowhere", path) == 0; }},
-      {"to-directory",
-       [&](const char* path) { return symlink(canary.directory.c_str(), path) == 0; }},
-      {"to-file", [&](const char* path) { return symlink(canary.file.c_str(), path) == 0; }},
-      {"to itself", [](const char* path) { return symlink(".", path) == 0; }},
-      {"hard link", [&](const char* path) { return link(canary.file.c_str(), path) == 0; }},
-      {"fifo", [](const char* path) { return mkfifo(path, 0600) == 0; }},
-      {"socket", [](const char* path) { return mknod(path, S_IFSOCK | 0600, 0) == 0; }},
-      {"device",
-       [](const char* path) {
-         return !test::isRoot() || mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0;
-       }},
-      {"not \xFF\xFE text\n", directory},
-      {std::string(size_t{255}, 'n'), directory},
-      {"...", directory},
-  };
-  const std::string tree = root.makeDirectory("tree/below");
-  for (const Kind& kind : kinds) {
-    SCOPED_TRACE(kind.name);
-    const std::string top = root / kind.name;
-    ASSERT_TRUE(kind.make(top.c_str()));
-    ASSERT_TRUE(kind.make((tree + "/" + kind.name).c_str()));
-    const Removal outcome = removeAt(top);
-    EXPECT_EQ(outcome.number, 0);
-    EXPECT_FALSE(exists(top));
-  }
-  const Removal outcome = removeAt(root / "tree/");
-  EXPECT_EQ(outcome.number, 0);
-  EXPECT_EQ(outcome.reports, Reports{});
-  EXPECT_FALSE(exists(root / "tree"));
-  EXPECT_TRUE(canary.isWhole());
-  // A slash at the end doesn't make the removal follow a link.
-  root.makeLink("link", canary.directory);
-  EXPECT_EQ(removeAt(root / "link/").number, 0);
-  EXPECT_FALSE(exists(root / "link"));
-  EXPECT_TRUE(canary.isWhole());
+namespace fs = std::filesystem;
+using Reports = std::vector<std::pair<std::string, int>>;
+
+// One removal: the errno it ended with (0: success), and what it reported in the order of the
+// paths.
+struct Removal {
+  int number = 0;
+  Reports reports;
+};
+
+// `onReport` answers whether the removal is to go on.
+Removal removeAt(
+    const std::string& path, const std::function<bool()>& onReport = [] { return true; }) {
+  struct Context {
+    Removal outcome;
+    const std::function<bool()>& onReport;
+  } context{{}, onReport};
+  RemovalState state;
+  state.setErrorContext(&context);
+  state.setErrorCallback([](RemovalState& reporting, const char* item, void* opaque) {
+    auto& seen = *static_cast<Context*>(opaque);
+    int number = 0;
+    reporting.errorNumber(number);
+    seen.outcome.reports.emplace_back(item, number);
+    return seen.onReport();
+  });
+  context.outcome.number = RecursiveRemove::system().remove(path.c_str(), state) == 0 ? 0 : errno;
+  std::sort(context.outcome.reports.begin(), context.outcome.reports.end());
+  return std::move(context.outcome);
 }
 
-TEST(Remove, AnyDepthAndWidthWithFewDescriptorsAndLittleStack) {
-  if (!test::canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
-  const TemporaryRoot root;
-  EXPECT_TRUE(test::runInMountNamespace([&] {
-    const auto volume = test::Mount::tmpfs(root.path(), "size=1g,nr_inodes=1m");
+// Keeps a file from being removed for as long as it lives, wherever it is moved.
+class Immutable {
+ public:
+  explicit Immutable(const std::string& path)
+      : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), works_(set(FS_IMMUTABLE_FL)) {}
+  Immutable(const Immutable&) = delete;
+  Immutable& operator=(const Immutable&) = delete;
+  ~Immutable() {
+    set(0);
+    close(file_);
+  }
+  [[nodiscard]] bool works() const { return works_; }
+
+ private:
+  bool set(int flags) const { return ioctl(file_, FS_IOC_SETFLAGS, &flags) == 0; }
+
+  int file_;
+  bool works_;
+};
+
+void touch(const std::string& path) {
+  close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+}
+
+// Directories named "level" in each other below `top`, with a file beside each.
+void makeChain(const std::string& top, int levels) {
+  fs::create_directories(top);
+  int directory = open(top.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+  for (int i = 0; i < levels && directory >= 0; ++i) {
+    close(openat(directory, "file", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    mkdirat(directory, "level", 0700);
+    const int next = openat(directory, "level", O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+    close(directory);
+    directory = next;
+  }
+  ASSERT_GE(directory, 0);
+  close(directory);
+}
+
+// The path from the top of a chain to the last of so many levels, with a slash before it.
+std::string chainPath(int levels) {
+  std::string path;
+  while (levels-- > 0) path += "/level";
+  return path;
+}
+
+size_t countFiles(const std::string& top) {
+  return static_cast<size_t>(std::count_if(fs::recursive_directory_iterator(top), {},
+                                           [](const auto& e) { return e.is_regular_file(); }));
+}
+
+// What is removed, and a directory outside to which links in it lead.
+class Remove : public testing::Test {
+ protected:
+  [[nodiscard]] bool canaryIsWhole() const { return readAll(canaryFile_) == "alive"; }
+
+  TemporaryRoot root_;
+  std::string top_ = root_ / "top";
+  std::string canary_ = root_.makeDirectory("canary");
+  std::string canaryFile_ = root_.makeFile("canary/sub/file", "alive");
+};
+
+TEST_F(Remove, TakesEveryKindOfItemAtTheTopAndBelow) {
+  if (!isRoot()) GTEST_SKIP() << "needs to make a device";
+  const auto directory = [](const char* path) { return mkdir(path, 0700) == 0; };
+  const std::pair<std::string, std::function<bool(const char* path)>> kinds[] = {
+      {"file", [](const char* path) { return mknod(path, S_IFREG | 0600, 0) == 0; }},
+      {"full", [](const char* path) { return makeChain(path, 3), true; }},
+      {"unwritable", [](const char* path) { return makeChain(path, 1), chmod(path, 0) == 0; }},
+      {"dangling", [](const char* path) { return symlink("nowhere", path) == 0; }},
+      {"to directory", [&](const char* path) { return symlink(canary_.c_str(), path) == 0; }},
+      {"to file", [&](const char* path) { return symlink(canaryFile_.c_str(), path) == 0; }},
+      {"to itself", [](const char* path) { return symlink(".", path) == 0; }},
+      {"hard link", [&](const char* path) { return link(canaryFile_.c_str(), path) == 0; }},
+      {"fifo", [](const char* path) { return mkfifo(path, 0600) == 0; }},
+      {"socket", [](const char* path) { return mknod(path, S_IFSOCK | 0600, 0) == 0; }},
+      {"device", [](const char* path) { return mknod(path, S_IFCHR, makedev(1, 3)) == 0; }},
+      {"not \xFF\xFE text\n", directory},
+      {std::string(255, 'n'), directory},
+      {"...", directory}};
+  root_.makeDirectory("top/below");
+  for (const auto& [name, make] : kinds) {
+    ASSERT_TRUE(make((root_ / name).c_str()) && make((top_ + "/below/" + name).c_str())) << name;
+    // A slash at the end doesn't make the removal follow a link.
+    EXPECT_EQ(removeAt((root_ / name) + "/").number, 0) << name;
+    EXPECT_FALSE(exists(root_ / name)) << name;
+  }
+  const Removal outcome = removeAt(top_);
+  EXPECT_EQ(outcome.number, 0);
+  EXPECT_EQ(outcome.reports, Reports{});
+  EXPECT_FALSE(exists(top_));
+  EXPECT_TRUE(canaryIsWhole());
+}
+
+TEST_F(Remove, AnyDepthAndWidthWithFewDescriptorsAndLittleStack) {
+  if (!canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
+  EXPECT_TRUE(runInMountNamespace([&] {
+    const auto volume = Mount::tmpfs(root_.path(), "size=1g,nr_inodes=1m");
     ASSERT_TRUE(volume.mounted());
-    const std::string deep = root.makeDirectory("deep");
-    makeChain(deep, 100000);
-    const std::string wide = root.makeDirectory("wide");
+    makeChain(root_ / "deep", 100000);
+    const std::string wide = root_.makeDirectory("wide");
     for (int i = 0; i < 100000; ++i) touch(wide + "/" + std::to_string(i));
     // Deep branches that come back, again and again, to a directory whose descriptor was given up.
-    const std::string comb = root.makeDirectory("comb");
-    for (int i = 0; i < 40; ++i) makeChain(root.makeDirectory("comb/" + std::to_string(i)), 50);
+    for (int i = 0; i < 40; ++i) makeChain(root_ / ("comb/" + std::to_string(i)), 50);
     const rlimit descriptors{64, 64};
     const rlimit stack{rlim_t{256} << 10, rlim_t{256} << 10};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);
-    ASSERT_EQ(setrlimit(RLIMIT_STACK, &stack), 0);
-    for (const std::string& top : {deep, wide, comb}) {
-      EXPECT_EQ(removeAt(top).number, 0) << top;
-      EXPECT_FALSE(exists(top)) << top;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors) + setrlimit(RLIMIT_STACK, &stack), 0);
+    for (const char* top : {"deep", "wide", "comb"}) {
+      EXPECT_EQ(removeAt(root_ / top).number, 0) << top;
+      EXPECT_FALSE(exists(root_ / top)) << top;
     }
   }));
 }
 
-TEST(Remove, PathsLongerThanTheKernelTakes) {
-  const TemporaryRoot root;
-  makeChain(root.makeDirectory("top"), 750);
-  const std::string parent = root / ("top" + chainPath(700));
-  for (const auto& [item, number] : std::vector<std::pair<std::string, int>>{
-           {"/file", 0}, {"/missing", ENOENT}, {"/level", 0}, {"/level", ENOENT}}) {
+TEST_F(Remove, TopPathsThatAreLongOrRefused) {
+  makeChain(top_, 750);
+  const std::string parent = top_ + chainPath(700);  // longer than the kernel takes
+  for (const auto& [item, number] :
+       {std::pair{"/file", 0}, {"/missing", ENOENT}, {"/level", 0}, {"/level", ENOENT}, {"", 0}})
     EXPECT_EQ(removeAt(parent + item).number, number) << item;
-  }
-  EXPECT_EQ(removeAt(parent).number, 0);
-  EXPECT_EQ(removeAt(parent).number, ENOENT);
-  EXPECT_TRUE(exists(root / ("top" + chainPath(300))));
-}
-
-TEST(Remove, TopPathsThatAreRefused) {
-  const TemporaryRoot root;
-  root.makeFile("dir/kept");
-  if (!test::isRoot()) GTEST_SKIP() << "needs chroot";
-  struct Case {
-    const char* path;
-    int number;
-    bool reported;
-  };
-  const std::vector<Case> cases = {
-      {"/missing", ENOENT, false}, {"/missing/item", ENOENT, false},
-      {"", ENOENT, false},         {"/dir/kept/x", ENOTDIR, true},
-      {"/dir/.", EINVAL, true},    {"/dir/..", EINVAL, true},
-      {"..", EINVAL, true},        {"/", EBUSY, true},
-      {"///", EBUSY, true},
-  };
+  EXPECT_TRUE(exists(top_ + chainPath(300)));
+  if (!isRoot() || !canMount()) GTEST_SKIP() << "needs chroot";
+  const std::tuple<const char*, int, size_t> cases[] = {
+      {"/missing", ENOENT, 0}, {"/missing/item", ENOENT, 0},
+      {"", ENOENT, 0},         {"/dir/kept/x", ENOTDIR, 1},
+      {"/dir/.", EINVAL, 1},   {"/dir/..", EINVAL, 1},
+      {"..", EINVAL, 1},       {"/", EBUSY, 1},
+      {"///", EBUSY, 1}};
+  root_.makeFile("dir/kept");
   // Below a root of its own: a mistake here may not reach the machine.
-  EXPECT_TRUE(test::runInMountNamespace([&] {
-    ASSERT_EQ(chroot(root.path().c_str()), 0);
-    ASSERT_EQ(chdir("/dir"), 0);
-    for (const Case& each : cases) {
-      SCOPED_TRACE(each.path);
-      const Removal outcome = removeAt(each.path);
-      EXPECT_EQ(outcome.number, each.number);
-      EXPECT_EQ(outcome.reports.size(), each.reported ? 1U : 0U);
-      ASSERT_TRUE(exists("/dir/kept"));
+  EXPECT_TRUE(runInMountNamespace([&] {
+    ASSERT_EQ(chroot(root_.path().c_str()) + chdir("/dir"), 0);
+    for (const auto& [path, number, reports] : cases) {
+      const Removal outcome = removeAt(path);
+      EXPECT_EQ(outcome.number, number) << path;
+      EXPECT_EQ(outcome.reports.size(), reports) << path;
+      ASSERT_TRUE(exists("/dir/kept")) << path;
     }
   }));
 }
 
 // Without the feature "filetype", ext4 tells no entry's kind.
-TEST(Remove, FileSystemsThatTellNoKinds) {
-  if (!test::canMountImages()) GTEST_SKIP() << "needs loop devices and mkfs.ext4";
-  const TemporaryRoot root;
-  const std::string volume = root.makeDirectory("volume");
-  const std::string top = volume + "/top";
-  const std::string image = root.makeFile("image");
+TEST_F(Remove, FileSystemsThatTellNoKinds) {
+  if (!canMountImages()) GTEST_SKIP() << "needs loop devices and mkfs.ext4";
+  const std::string image = root_.makeFile("image");
   const std::string command = "truncate -s 8M " + image + " && mkfs.ext4 -q -O ^filetype " + image +
-                              " && mount -o loop " + image + " " + volume;
-  EXPECT_TRUE(test::runInMountNamespace([&] {
+                              " && mount -o loop " + image + " " + root_.makeDirectory("top");
+  EXPECT_TRUE(runInMountNamespace([&] {
     ASSERT_EQ(std::system(command.c_str()), 0);
-    std::filesystem::create_directories(top + "/locked/sub");
-    for (const char* file : {"/a", "/locked/sub/b"}) touch(top + file);
+    const std::string tree = top_ + "/tree";
+    fs::create_directories(tree + "/locked/sub");
+    for (const char* file : {"/a", "/locked/sub/b"}) touch(tree + file);
     {
       // Nothing in it can be removed, yet what is in its directories can.
-      const Immutable lock(top + "/locked");
-      EXPECT_EQ(removeAt(top).reports, (Reports{{top + "/locked/sub", EPERM}}));
-      EXPECT_FALSE(exists(top + "/locked/sub/b"));
-      EXPECT_FALSE(exists(top + "/a"));
+      const Immutable lock(tree + "/locked");
+      EXPECT_EQ(removeAt(tree).reports, (Reports{{tree + "/locked/sub", EPERM}}));
+      EXPECT_FALSE(exists(tree + "/locked/sub/b") || exists(tree + "/a"));
     }
-    EXPECT_EQ(removeAt(top).number, 0);
-    EXPECT_FALSE(exists(top));
+    EXPECT_EQ(removeAt(tree).number, 0);
+    EXPECT_FALSE(exists(tree));
   }));
 }
 
-TEST(Remove, DirectoriesThatCannotBeReadAreReported) {
-  if (!test::canMount()) GTEST_SKIP() << "needs a namespace of its own";
-  const TemporaryRoot root;
-  chmod(root.path().c_str(), 0777);
-  const std::string top = root / "top";
-  EXPECT_TRUE(test::runInMountNamespace([&] {
+TEST_F(Remove, DirectoriesThatCannotBeReadAreReported) {
+  if (!isRoot() || !canMount()) GTEST_SKIP() << "needs a namespace of its own and another user";
+  chmod(root_.path().c_str(), 0777);
+  EXPECT_TRUE(runInMountNamespace([&] {
     ASSERT_EQ(setgid(65534) + setuid(65534), 0);
-    for (const char* name : {"/closed-empty", "/closed", "/unwritable"}) {
-      std::filesystem::create_directories(top + name);
-    }
-    touch(top + "/closed/x");
-    touch(top + "/unwritable/x");
-    chmod((top + "/closed-empty").c_str(), 0);
-    chmod((top + "/closed").c_str(), 0);
-    chmod((top + "/unwritable").c_str(), 0500);
-    const Removal outcome = removeAt(top);
+    for (const char* name : {"/empty", "/closed", "/kept"}) fs::create_directories(top_ + name);
+    touch(top_ + "/closed/x");
+    touch(top_ + "/kept/x");
+    for (const auto& [name, mode] : {std::pair{"/empty", 0U}, {"/closed", 0U}, {"/kept", 0500U}})
+      chmod((top_ + name).c_str(), mode);
+    const Removal outcome = removeAt(top_);
     EXPECT_EQ(outcome.number, EACCES);
-    EXPECT_EQ(outcome.reports,
-              (Reports{{top + "/closed", EACCES}, {top + "/unwritable/x", EACCES}}));
-    EXPECT_FALSE(exists(top + "/closed-empty"));
+    EXPECT_EQ(outcome.reports, (Reports{{top_ + "/closed", EACCES}, {top_ + "/kept/x", EACCES}}));
+    EXPECT_FALSE(exists(top_ + "/empty"));
   }));
-  for (const auto& [call, number] : {std::pair{SYS_getdents64, EIO}, {SYS_statx, EIO}}) {
-    EXPECT_TRUE(test::runInMountNamespace([&, refused = call, error = number] {
-      ASSERT_TRUE(test::refuseCalls({refused}, error));
-      const Removal outcome = removeAt(top);
-      EXPECT_EQ(outcome.number, error);
-      EXPECT_EQ(outcome.reports, (Reports{{top, error}}));
+  for (const long call : {SYS_getdents64, SYS_statx}) {
+    EXPECT_TRUE(runInMountNamespace([&] {
+      ASSERT_TRUE(refuseCalls({call}, EIO));
+      const Removal outcome = removeAt(top_);
+      EXPECT_EQ(outcome.number, EIO);
+      EXPECT_EQ(outcome.reports, (Reports{{top_, EIO}}));
     })) << call;
-    EXPECT_TRUE(exists(top + "/unwritable/x"));
+    EXPECT_TRUE(exists(top_ + "/kept/x"));
   }
-  EXPECT_EQ(removeAt(top).number, 0);
+}
+
+TEST_F(Remove, ReportsEachFailingItemOnceByItsPathAndGoesOn) {
+  makeChain(top_, 100);
+  std::vector<std::string> stuck = {top_ + chainPath(90) + "/stuck"};
+  // At levels that keep their descriptors, that lose them, and beside branches that make the walk
+  // come back.
+  for (const int depth : {0, 1, 3}) {
+    const std::string level = top_ + chainPath(depth);
+    for (int i = 0; i < 5; ++i) makeChain(level + "/b" + std::to_string(i), 60);
+    stuck.push_back(level + "/b2/level/stuck");
+    stuck.push_back(level + "/stuck");
+  }
+  Reports expected;
+  std::vector<std::unique_ptr<Immutable>> locks;
+  for (const std::string& path : stuck) {
+    touch(path);
+    locks.push_back(std::make_unique<Immutable>(path));
+    if (!locks.back()->works())
+      GTEST_SKIP() << "needs a file system with immutable files, and root";
+    expected.emplace_back(path, EPERM);
+  }
+  std::sort(expected.begin(), expected.end());
+  const Removal stopped = removeAt(top_, [] { return false; });
+  EXPECT_EQ(stopped.number, EPERM);
+  EXPECT_EQ(stopped.reports.size(), 1U);
+  const Removal outcome = removeAt(top_ + "//");
+  EXPECT_EQ(outcome.number, EPERM);
+  EXPECT_EQ(outcome.reports, expected);
+  EXPECT_EQ(countFiles(top_), stuck.size());
+  EXPECT_EQ(removeAt(stuck[0]).reports, (Reports{{stuck[0], EPERM}}));
+  locks.clear();
+  EXPECT_EQ(removeAt(top_).number, 0);
+}
+
+TEST_F(Remove, ADirectoryMovedAwayLeadsNowhereElse) {
+  // Files beside what is moved are to be removed all the same; with the next level moved as well,
+  // the way down from the top ends early, too.
+  for (const auto& [files, movesNextAsWell] : {std::pair{"top/level/", false}, {"top/", true}}) {
+    SCOPED_TRACE(files);
+    makeChain(top_, 80);
+    for (int i = 0; i < 50; ++i) root_.makeFile(files + std::to_string(i));
+    const std::string stuck = root_.makeFile("top" + chainPath(70) + "/stuck");
+    const std::string moved = canary_ + "/moved";
+    {
+      const Immutable lock(stuck);
+      if (!lock.works()) GTEST_SKIP() << "needs a file system with immutable files, and root";
+      // The walk stands far below when its way back is moved beside the canary.
+      const Removal outcome = removeAt(top_, [&, next = movesNextAsWell] {
+        rename((top_ + "/level/level").c_str(), moved.c_str());
+        if (next) rename((top_ + "/level").c_str(), (canary_ + "/next").c_str());
+        return true;
+      });
+      EXPECT_EQ(outcome.number, EPERM);
+      EXPECT_EQ(outcome.reports, (Reports{{stuck, EPERM}}));
+    }
+    EXPECT_TRUE(canaryIsWhole());
+    EXPECT_TRUE(exists(moved + chainPath(68) + "/stuck"));
+    EXPECT_EQ(exists(top_), !movesNextAsWell);
+    EXPECT_TRUE(!exists(top_) || countFiles(top_) == 0);
+    for (const std::string& rest : {top_, moved, canary_ + "/next"}) removeAt(rest);
+  }
+}
+
+TEST_F(Remove, WhatIsMountedInTheTreeStays) {
+  if (!canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
+  for (const char* name : {"top/volume", "top/bound", "top/gone", "top/in/bound"})
+    root_.makeDirectory(name);
+  for (const char* name : {"top/file", "top/in/file"}) root_.makeFile(name);
+  EXPECT_TRUE(runInMountNamespace([&] {
+    const auto volume = Mount::tmpfs(top_ + "/volume");
+    const auto bound = Mount::bind(canary_, top_ + "/bound");
+    const auto below = Mount::bind(canary_, top_ + "/in/bound");
+    const auto file = Mount::bind(canaryFile_, top_ + "/file");
+    ASSERT_TRUE(volume.mounted() && bound.mounted() && below.mounted() && file.mounted());
+    touch(top_ + "/volume/inside");
+    const Removal outcome = removeAt(top_);
+    EXPECT_EQ(outcome.number, EBUSY);
+    EXPECT_EQ(outcome.reports, (Reports{{top_ + "/bound", EBUSY},
+                                        {top_ + "/file", EBUSY},
+                                        {top_ + "/in/bound", EBUSY},
+                                        {top_ + "/volume", EBUSY}}));
+    EXPECT_EQ(removeAt(top_ + "/bound").reports, (Reports{{top_ + "/bound", EBUSY}}));
+    EXPECT_TRUE(canaryIsWhole() && exists(top_ + "/volume/inside"));
+    EXPECT_FALSE(exists(top_ + "/gone") || exists(top_ + "/in/file"));
+  }));
 }
 
 }  // namespace
