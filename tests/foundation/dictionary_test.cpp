@@ -84,15 +84,12 @@ TEST(Value, EqualValuesHashAlike) {
                           Value::array({}),
                           Value::set({}),
                           Value::dictionary({}),
-                          Value::array({one}),
-                          Value::set({one}),
+                          Value::array({one, two}),
+                          Value::array({two, one}),
                           Value::set({one, two}),
                           Value::set({Value::real(2), one, two}),
-                          Value::array({two, one}),
-                          Value::array({one, two}),
                           Value::dictionary({{"a", one}, {"b", two}}),
-                          Value::dictionary({{"b", Value::real(2)}, {"a", one}}),
-                          Value::dictionary({{"a", two}, {"b", one}})};
+                          Value::dictionary({{"b", two}, {"a", one}})};
   size_t equal = 0;
   for (const Value& a : values) {
     for (const Value& b : values) {
@@ -109,21 +106,14 @@ TEST(Value, EqualValuesHashAlike) {
 
 TEST(Value, NumbersConvertAtTheirLimits) {
   constexpr uint64_t kHigh = uint64_t{1} << 63;
-  const struct {
-    Value value;
-    int64_t asSigned;
-    uint64_t asUnsigned;
-  } kCases[] = {{Value::real(-1.9), -1, UINT64_MAX},
-                {Value::real(1e300), INT64_MAX, UINT64_MAX},
-                {Value::real(-1e300), INT64_MIN, kHigh},
-                {Value::real(9223372036854775808.0), INT64_MAX, kHigh},
-                {Value::real(__builtin_nan("")), 0, 0},
-                {Value::unsignedInteger(UINT64_MAX), -1, UINT64_MAX},
-                {Value::integer(INT64_MIN), INT64_MIN, kHigh},
-                {Value::string("5"), 0, 0}};
-  for (const auto& test : kCases) {
-    EXPECT_EQ(test.asSigned, test.value.int64Value()) << description(test.value);
-    EXPECT_EQ(test.asUnsigned, test.value.uint64Value()) << description(test.value);
+  const std::tuple<double, int64_t, uint64_t> kCases[] = {{-1.9, -1, UINT64_MAX},
+                                                          {1e300, INT64_MAX, UINT64_MAX},
+                                                          {-1e300, INT64_MIN, kHigh},
+                                                          {9223372036854775808.0, INT64_MAX, kHigh},
+                                                          {__builtin_nan(""), 0, 0}};
+  for (const auto& [real, asSigned, asUnsigned] : kCases) {
+    EXPECT_EQ(asSigned, Value::real(real).int64Value()) << real;
+    EXPECT_EQ(asUnsigned, Value::real(real).uint64Value()) << real;
   }
 }
 

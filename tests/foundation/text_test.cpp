@@ -23,7 +23,6 @@ TEST(Format, WritesMessages) {
       {format("%@", Value::dictionary(
                         {{"k", Value::array({Value::boolean(true), Value::data("\x0f")})}})),
        "{k = (1, <0f>)}"},
-      {format("%@", std::string("50%d%%")), "50%d%%"},
       {format("%@ %@", Error("POSIX", 5), Error()), "POSIX 5 (null)"}};
   for (const auto& [actual, expected] : kCases) EXPECT_EQ(expected, actual);
   ErrorDetails details;
@@ -53,9 +52,7 @@ TEST(URL, TakesPathsApart) {
       {"/a//", "/a/", "/a", "a", "", "/", "file:///a/"},
       {"/x/a.b.app/", "/x/a.b.app/", "/x/a.b.app", "a.b.app", "app", "/x/", "file:///x/a.b.app/"},
       {"/x/.app", "/x/.app", "/x/.app", ".app", "", "/x/", "file:///x/.app"},
-      {"/x/a.", "/x/a.", "/x/a.", "a.", "", "/x/", "file:///x/a."},
       {"/x.y/a", "/x.y/a", "/x.y/a", "a", "", "/x.y/", "file:///x.y/a"},
-      {"/a//b", "/a//b", "/a//b", "b", "", "/a/", "file:///a//b"},
       {"/a b%?#[\u00e9", "/a b%?#[\u00e9", "/a b%?#[\u00e9", "a b%?#[\u00e9", "", "/",
        "file:///a%20b%25%3F%23%5B%C3%A9"},
       {"/a-._~!$&'()*+,;=:@", "/a-._~!$&'()*+,;=:@", "/a-._~!$&'()*+,;=:@", "a-._~!$&'()*+,;=:@",

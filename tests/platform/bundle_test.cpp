@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "foundation/format.h"
 #include "tests/helpers/temporary_root.h"
 
 namespace pallion {
@@ -23,16 +22,13 @@ std::unique_ptr<QXBundle> bundleAt(const std::string& path) {
   return QXBundle::bundleWithURL(URL::fileURL(path, URL::Kind::kDirectory));
 }
 
-TEST(Bundle, OnlyADirectoryIsABundle) {
-  const TemporaryRoot root;
-  root.makeFile("File.app", "x");
-  root.makeLink("Link.app", ".");
-  for (const char* name : {"File.app", "Link.app", "Missing.app", "File.app/Inner.app"})
-    EXPECT_EQ(bundleAt(root / name), nullptr) << name;
-  EXPECT_EQ(bundleAt("relative"), nullptr);
-}
-
 TEST(Bundle, StatesOfTheInformationPropertyList) {
+  const TemporaryRoot none;
+  none.makeFile("File.app", "x");
+  none.makeLink("Link.app", ".");
+  for (const char* name : {"File.app", "Link.app", "Missing.app", "File.app/Inner.app"})
+    EXPECT_EQ(bundleAt(none / name), nullptr) << name;
+  EXPECT_EQ(bundleAt("relative"), nullptr);
   const struct {
     const char* name;
     int errorNumber;  // 0: it is read
@@ -86,24 +82,6 @@ TEST(Bundle, WhatCannotBeReadJustNowIsNotAbsent) {
   EXPECT_EQ(bundle->infoErrorNumber(), EMFILE);
   EXPECT_EQ(bundle->infoDictionary(), nullptr);
   EXPECT_FALSE(bundle->filteredInfoDictionary({"QXBundleIdentifier"}));
-}
-
-TEST(Bundle, WholeAndFilteredDictionary) {
-  const TemporaryRoot root;
-  root.makeFile("A.app/Info.plist", kNotes);
-  const auto bundle = bundleAt(root / "A.app");
-  EXPECT_EQ(description(*bundle), "QXBundle " + (root / "A.app/"));
-  EXPECT_EQ(bundle->identifier(), "com.example.notes");
-  const Dictionary expected{{"QXBundleIdentifier", Value::string("com.example.notes")},
-                            {"QXBundleVersion", Value::string("7")},
-                            {"QXBundleInfoPlistURL", Value::string(root / "A.app/Info.plist")}};
-  ASSERT_NE(bundle->infoDictionary(), nullptr);
-  EXPECT_EQ(*bundle->infoDictionary(), expected);
-  EXPECT_EQ(bundle->filteredInfoDictionary({"QXBundleVersion", "QXBundleInfoPlistURL", "Other"}),
-            Value::dictionary(Dictionary{{"QXBundleVersion", Value::string("7")}}));
-  root.makeFile("B.app/Info.plist", "<plist><array><true/></array></plist>");
-  EXPECT_EQ(bundleAt(root / "B.app")->filteredInfoDictionary({"a"}),
-            Value::array({Value::boolean(true)}));
 }
 
 }  // namespace

@@ -1,14 +1,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 #include "platform/log_file.h"
 #include "platform/log_line.h"
-#include "platform/migration_log.h"
 #include "platform/product_log.h"
 #include "platform/text_escape.h"
 #include "tests/helpers/recorded_logs.h"
@@ -84,6 +81,12 @@ TEST(LogFile, IsSetAsideBySizeWithoutLosingALine) {
   EXPECT_EQ(readAll(path + ".1"), "line  20.\nline  21.\n");
   EXPECT_EQ(readAll(path + ".4"), "line  14.\nline  15.\n");
   EXPECT_FALSE(exists(path + ".5"));
+  // Behind what others wrote.
+  LogFile first(root / "shared");
+  LogFile second(root / "shared");
+  for (LogFile* each : {&first, &second, &first})
+    EXPECT_EQ(each->write(each == &first ? "1\n" : "22\n"), 0);
+  EXPECT_EQ(readAll(root / "shared"), "1\n22\n1\n");
   // It goes on where it is when it can't be set aside.
   for (const char* way : {"log.1/in", "log.2/the", "log.3/way", "log.4/all"}) root.makeFile(way);
   std::string all;
@@ -114,26 +117,6 @@ TEST(LogFile, RefusesWhatIsNoRegularFileWithoutFollowingOrWaiting) {
   EXPECT_FALSE(exists(root / "made"));
 }
 
-TEST(LogFile, WritesALineInOneCallBehindWhatOthersWrote) {
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-  LogFile packets(ends[0]);
-  const std::string line = std::string(5000, 'x') + "\n";
-  char received[8192];
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(packets.write(line), 0);
-    EXPECT_EQ(recv(ends[1], received, sizeof received, 0), static_cast<ssize_t>(line.size()));
-  }
-  for (const int end : ends) close(end);
-
-  const TemporaryRoot root;
-  LogFile first(root / "log");
-  LogFile second(root / "log");
-  for (LogFile* log : {&first, &second, &first})
-    EXPECT_EQ(log->write(log == &first ? "1\n" : "22\n"), 0);
-  EXPECT_EQ(readAll(root / "log"), "1\n22\n1\n");
-}
-
 TEST(ProductLog, FormatsNothingThatTheLevelFiltersOut) {
   const struct {
     int level;  // of the handle; 0 for none
@@ -155,32 +138,6 @@ TEST(ProductLog, FormatsNothingThatTheLevelFiltersOut) {
     EXPECT_EQ(object.descriptions, c.descriptions) << c.level;
     EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), c.level == 0 ? 2 : 0) << printed;
   }
-}
-
-TEST(MigrationLog, FormatsNothingThatTheSinkDoesNotWantAndNamesThePlace) {
-  class Sink : public MigrationLogSink {
-   public:
-    [[nodiscard]] int level() const override { return 3; }
-    void write(const MigrationLogRecord& record) override {
-      line = format("%s:%d %s %s %s", record.file, record.line, record.function, record.category,
-                    std::string(record.message));
-    }
-    std::string line;
-  } sink;
-  const CountedObject object;
-  MigrationLogSink::replace(&sink);
-  MigrationLog("f", "Shiftweller", 5, "%@", object);
-  EXPECT_EQ(object.descriptions, 0);
-  const int line = __LINE__ + 1;
-  MigrationLog("f", "Shiftweller", 3, "%@ %d", object, 4);
-  MigrationLogSink::replace(nullptr);
-  EXPECT_EQ(sink.line, format("%s:%d f Shiftweller object 4", __FILE__, line));
-
-  testing::internal::CaptureStderr();
-  MigrationLog("-[A b]", "Shiftweller", 5, "to stderr");
-  const std::string printed = testing::internal::GetCapturedStderr();
-  EXPECT_NE(printed.find("Z [5] Shiftweller -[A b] ("), std::string::npos) << printed;
-  EXPECT_TRUE(printed.ends_with("): to stderr\n")) << printed;
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -244,31 +243,6 @@ TEST_F(TreeCopyTest, CopiesDeepTreesWithFewDescriptorsAndLittleStack) {
     close(directory);
     ASSERT_EQ(inodes.size(), 2U);
     EXPECT_EQ(inodes[0], inodes[1]);
-  });
-}
-
-// Shapes that cost time out of proportion to what is in them, if each item were done by itself.
-TEST_F(TreeCopyTest, CopiesWideTreesLinkFarmsAndVastHoles) {
-  constexpr int kWidth = 100000;
-  constexpr off_t kVast = off_t{1} << 40;
-  onVolume([&] {
-    writeAt(root_.makeFile("m/tree/hole"), "end", kVast - 3);
-    const std::string farm = root_.makeFile("m/tree/farm/0");
-    for (int i = 1; i < kWidth; ++i) {
-      const std::string path = tree_ + "/" + std::to_string(i);
-      must(link(farm.c_str(), (tree_ + "/farm/" + std::to_string(i)).c_str()) == 0);
-      must((i % 2 == 0 ? mkdir(path.c_str(), 0755) : mknod(path.c_str(), S_IFREG, 0)) == 0);
-    }
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(copyTree(tree_, copy_), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
-    struct stat status {};
-    ASSERT_EQ(lstat((copy_ + "/hole").c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, kVast);
-    EXPECT_LT(status.st_blocks * 512, 1 << 20);
-    ASSERT_EQ(lstat((copy_ + "/farm/77").c_str(), &status), 0);
-    EXPECT_EQ(status.st_nlink, nlink_t{kWidth});
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(copy_), {}), kWidth + 1);
   });
 }
 
