@@ -1,14 +1,10 @@
 #include "support/file_digest.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include "tests/helpers/mounts.h"
 #include "tests/helpers/recorded_logs.h"
-#include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
 
 namespace pallion::test {
@@ -19,11 +15,6 @@ using Lines = std::vector<std::string>;
 
 std::optional<std::string> digest(const std::string& path) {
   return PLCreateSHA256Digest(URL::fileURL(path));
-}
-
-Lines failure(const std::string& path, const std::string& reader, const std::string& reason) {
-  return {"3 _ReadFile: " + reader,
-          "3 PLCreateSHA256Digest: Failed to read file://" + path + " : " + reason};
 }
 
 }  // namespace
@@ -46,39 +37,31 @@ TEST(FileDigest, OfWholeFiles) {
 }
 
 TEST(FileDigest, FailsForWhatCannotBeReadWhole) {
-  if (!canMount()) GTEST_SKIP() << "refusing calls is done in a mount namespace";
   const TemporaryRoot root;
-  const std::string file = root.makeFile("f", std::string(70000, 'a'));
-  const std::string none = root / "none";
   const std::string fifo = root / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  constexpr int kNone = -1;
-  const struct {
-    std::string path;
-    std::string reader;
-    std::string reason;
-    int ofRead = kNone;  // what reading answers
-  } rows[] = {{none, "failed to open " + none + " : ", "No such file or directory"},
-              {root.path(), "read failed for " + root.path() + " : ", "Is a directory"},
-              {"/proc/sys", "read failed for /proc/sys : ", "Is a directory"},  // of size 0
-              {fifo, "read failed for " + fifo + " : ", "Invalid argument"},
-              {file, "read failed for " + file + " : ", "Input/output error", EIO},
-              // Like a file that became shorter.
-              {file, "read failed for " + file + ", got 0 bytes", "Input/output error", 0}};
-  for (const auto& row : rows) {
-    EXPECT_TRUE(runInMountNamespace([&row] {
-      const int next = dup(0);
-      close(next);
-      if (row.ofRead != kNone) {
-        ASSERT_TRUE(refuseCalls({SYS_read}, row.ofRead));
-      }
-      const RecordedProductLog log;
-      EXPECT_EQ(digest(row.path), std::nullopt);
-      EXPECT_EQ(log.lines,
-                failure(row.path, row.reader + (row.reader.ends_with(' ') ? row.reason : ""),
-                        row.reason));
-      EXPECT_EQ(dup(0), next) << "a descriptor is left";
-    })) << row.reader;
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {root / "none", "failed to open @ : ", "No such file or directory"},
+      {root.path(), "read failed for @ : ", "Is a directory"},
+      {"/proc/sys", "read failed for @ : ", "Is a directory"},  // of size 0
+      {fifo, "read failed for @ : ", "Invalid argument"},
+      // Its size is that of a page, but there is no speed to read.
+      {"/sys/class/net/lo/speed", "read failed for @ : ", "Invalid argument"},
+      // Likewise, and it has less, as a file has that becomes shorter.
+      {"/sys/devices/system/cpu/online", "read failed for @, got 0 bytes", "Input/output error"}};
+  for (const auto& [path, text, reason] : rows) {
+    if (path.starts_with("/sys") && !exists(path)) continue;
+    const int next = dup(0);
+    close(next);
+    const RecordedProductLog log;
+    EXPECT_EQ(digest(path), std::nullopt);
+    std::string reader = "3 _ReadFile: " + text + (text.ends_with(' ') ? reason : "");
+    reader.replace(reader.find('@'), 1, path);
+    EXPECT_EQ(log.lines, (Lines{reader, "3 PLCreateSHA256Digest: Failed to read file://" + path +
+                                            " : " + reason}));
+    const int after = dup(0);
+    close(after);
+    EXPECT_EQ(after, next) << "a descriptor is left";
   }
 }
 

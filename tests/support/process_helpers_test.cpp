@@ -37,6 +37,8 @@ bool readMemory(pid_t process, uint64_t address, void* into, size_t count) {
 std::string crashReportOf(const std::function<void()>& body, useconds_t microseconds = 0) {
   const pid_t child = fork();
   if (child == 0) {
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
     alarm(20);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     body();
@@ -53,7 +55,7 @@ std::string crashReportOf(const std::function<void()>& body, useconds_t microsec
     for (uint64_t at = record.message; readMemory(child, at, &c, 1) && c != 0; ++at) report += c;
   }
   EXPECT_EQ(record.version, 5U);
-  kill(child, SIGKILL);
+  ptrace(PTRACE_DETACH, child, nullptr, reinterpret_cast<void*>(uintptr_t{SIGABRT}));
   waitpid(child, nullptr, 0);
   return report;
 }
