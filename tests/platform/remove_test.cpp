@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <thread>
 #include <unistd.h>
 
 #include "platform/recursive_remove.h"
@@ -302,6 +304,38 @@ TEST_F(Remove, ADirectoryMovedAwayLeadsNowhereElse) {
     EXPECT_TRUE(!exists(top_) || countFiles(top_) == 0);
     for (const std::string& rest : {top_, moved, canary_ + "/next"}) removeAt(rest);
   }
+}
+
+TEST_F(Remove, ExchangedLinksLeadNowhereElse) {
+  std::atomic<bool> removing = false;
+  std::atomic<int> swaps = 0;
+  const std::jthread swapper([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      const bool swapped = renameat2(AT_FDCWD, (top_ + "/a/first").c_str(), AT_FDCWD,
+                                     (top_ + "/a/second").c_str(), RENAME_EXCHANGE) == 0;
+      if (swapped && removing) ++swaps;
+    }
+  });
+  int failures = 0;
+  for (int round = 0; round < 150; ++round) {
+    // Complete before the swapper finds it.
+    root_.makeLink("new/a/second", canary_);
+    for (int i = 0; i < 30; ++i) root_.makeFile("new/a/first/sub/" + std::to_string(i));
+    ASSERT_EQ(rename((root_ / "new").c_str(), top_.c_str()), 0);
+    removing = true;
+    const Removal outcome = removeAt(top_);
+    removing = false;
+    ASSERT_EQ(outcome.number == 0, outcome.reports.empty());
+    ASSERT_EQ(outcome.number == 0, !exists(top_));
+    ASSERT_TRUE(canaryIsWhole());
+    if (outcome.number == 0) continue;
+    const std::string left = root_ / ("left" + std::to_string(++failures));
+    ASSERT_EQ(rename(top_.c_str(), left.c_str()), 0);
+  }
+  EXPECT_GT(swaps, 150);
+  // Each call that meets something else than the one before tries again, so hardly any removal
+  // fails.
+  EXPECT_LT(failures, 15);
 }
 
 TEST_F(Remove, WhatIsMountedInTheTreeStays) {
