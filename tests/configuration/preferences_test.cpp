@@ -11,129 +11,76 @@ namespace pallion::test {
 namespace {
 
 constexpr const char* kDomain = "com.orlix.pallion";
-constexpr const char* kInit = "5 -[PLGlobalConfiguration init]: ";
+constexpr const char* kUpdatedKey = "UpdatedPluginContainersWithParentIDWithSafeHarborFix";
 
-// Stands in for the store of the running system for its lifetime.
-class PreferenceStore {
- public:
-  PreferenceStore() : store_(root_.url()) { Preferences::replace(&store_); }
-  PreferenceStore(const PreferenceStore&) = delete;
-  PreferenceStore& operator=(const PreferenceStore&) = delete;
-  ~PreferenceStore() { Preferences::replace(nullptr); }
+// A store of its own stands in for that of the running system.
+class Settings : public testing::Test {
+ protected:
+  Settings() { Preferences::replace(&store_); }
+  ~Settings() override { Preferences::replace(nullptr); }
 
-  void set(const char* key, const Value& value) { store_.setValue(key, value, kDomain); }
-  void synchronize() { EXPECT_TRUE(store_.synchronize(kDomain)); }
-  [[nodiscard]] const TemporaryRoot& root() const { return root_; }
-
- private:
   TemporaryRoot root_;
-  FilePreferences store_;
+  FilePreferences store_{root_.url()};
 };
 
-struct Row {
-  const char* what;
-  Value value;
-  bool lowerPriority;
-  bool skip;
-  long installations;
-  bool isNumber;
-  bool haveUpdated;
-};
-
-const std::vector<Row>& rows() {
-  static const std::vector<Row> kRows{
+TEST_F(Settings, AreReadOnceButForWhetherPluginContainersWereUpdated) {
+  const struct {
+    const char* what;
+    Value value;
+    bool lowerPriority;
+    bool skip;
+    long installations;
+    bool isNumber;
+    bool haveUpdated;
+  } rows[] = {
       {"absent", Value(), true, false, 4, false, false},
       {"true", Value::boolean(true), true, true, 1, true, true},
       {"false", Value::boolean(false), false, false, 0, true, false},
-      {"0", Value::integer(0), true, false, 0, true, true},
       {"1", Value::integer(1), true, false, 1, true, true},
-      {"-3", Value::integer(-3), true, false, -3, true, true},
       {"smallest", Value::integer(INT64_MIN), true, false, INT64_MIN, true, true},
       {"2.9", Value::real(2.9), true, false, 2, true, true},
       {"text false", Value::string("false"), true, false, 4, false, true},
-      {"text 7", Value::string("7"), true, false, 4, false, true},
-      {"data", Value::data("7"), true, false, 4, false, true},
-      {"date", Value::date(7), true, false, 4, false, true},
-      {"array", Value::array({Value::boolean(false)}), true, false, 4, false, true},
-      {"dictionary", Value::dictionary({}), true, false, 4, false, true},
   };
-  return kRows;
-}
-
-TEST(Settings, AreReadOnceFromTheirKeys) {
   const char* keys[] = {"LowerInstallPriority", "SkipDeviceFamilyCheck", "SkipThinningCheck",
                         "SimultaneousInstallsNumber"};
-  constexpr size_t kAll = std::size(keys);
-  for (const Row& row : rows()) {
-    for (size_t only = 0; only <= kAll; ++only) {
-      const auto isSet = [&](size_t key) { return only == kAll || only == key; };
-      PreferenceStore store;
-      for (size_t key = 0; key < kAll; ++key) {
-        if (isSet(key)) store.set(keys[key], row.value);
-      }
-      store.synchronize();
+  for (const auto& row : rows) {
+    for (size_t only = 0; only < std::size(keys); ++only) {
+      SCOPED_TRACE(std::string(row.what) + " for " + keys[only]);
+      for (const char* key : keys) store_.setValue(key, Value(), kDomain);
+      store_.setValue(keys[only], row.value, kDomain);
+      store_.setValue(kUpdatedKey, row.value, kDomain);
       RecordedProductLog log;
       const PLGlobalConfiguration c{URL()};
-      SCOPED_TRACE(std::string(row.what) + " for " + (only == kAll ? "all" : keys[only]));
-      EXPECT_EQ(c.lowerInstallPriority(), !isSet(0) || row.lowerPriority);
-      EXPECT_EQ(c.skipDeviceFamilyCheck(), isSet(1) && row.skip);
-      EXPECT_EQ(c.skipThinningCheck(), isSet(2) && row.skip);
-      EXPECT_EQ(c.nSimultaneousInstallations(), isSet(3) ? row.installations : 4);
+      for (const char* key : keys) store_.setValue(key, Value::boolean(true), kDomain);
+      EXPECT_EQ(c.lowerInstallPriority(), only != 0 || row.lowerPriority);
+      EXPECT_EQ(c.skipDeviceFamilyCheck(), only == 1 && row.skip);
+      EXPECT_EQ(c.skipThinningCheck(), only == 2 && row.skip);
+      EXPECT_EQ(c.nSimultaneousInstallations(), only == 3 ? row.installations : 4);
+      EXPECT_EQ(c.haveUpdatedPluginContainersWithParentID(), row.haveUpdated);
+      const std::pair<bool, std::string> texts[] = {
+          {!row.lowerPriority,
+           "Not running installation at background priority because of a set default"},
+          {row.skip, "Skipping device family check because of a set default"},
+          {row.skip, "Skipping device thinning check because of a set default"},
+          {row.isNumber,
+           "Setting simultaneous installations allowed to " + std::to_string(row.installations)}};
       std::vector<std::string> lines;
-      const auto expectLine = [&](const std::string& line) { lines.push_back(kInit + line); };
-      if (!c.lowerInstallPriority())
-        expectLine("Not running installation at background priority because of a set default");
-      if (c.skipDeviceFamilyCheck())
-        expectLine("Skipping device family check because of a set default");
-      if (c.skipThinningCheck())
-        expectLine("Skipping device thinning check because of a set default");
-      if (isSet(3) && row.isNumber)
-        expectLine("Setting simultaneous installations allowed to " +
-                   std::to_string(row.installations));
+      if (texts[only].first)
+        lines.push_back("5 -[PLGlobalConfiguration init]: " + texts[only].second);
       EXPECT_EQ(log.lines, lines);
-
-      for (const char* key : keys) store.set(key, Value::boolean(true));
-      EXPECT_EQ(c.skipThinningCheck(), isSet(2) && row.skip) << "changed later";
     }
   }
 }
 
-TEST(Settings, OfAStoreThatCannotBeReadAreAllAtTheirDefaults) {
-  PreferenceStore store;
-  store.root().makeFile("ByHost");
-  RecordedProductLog log;
+TEST_F(Settings, AreStoredAndReadFromTheSuiteOnEveryCall) {
   const PLGlobalConfiguration c{URL()};
-  EXPECT_TRUE(c.lowerInstallPriority());
-  EXPECT_FALSE(c.skipDeviceFamilyCheck());
-  EXPECT_FALSE(c.skipThinningCheck());
-  EXPECT_EQ(c.nSimultaneousInstallations(), 4);
-  EXPECT_FALSE(c.haveUpdatedPluginContainersWithParentID());
-  c.setHaveUpdatedPluginContainersWithParentID(true);
-  EXPECT_TRUE(log.lines.empty());
-}
-
-TEST(Settings, TellOnEveryCallWhetherPluginContainersWereUpdated) {
-  constexpr const char* kKey = "UpdatedPluginContainersWithParentIDWithSafeHarborFix";
-  PreferenceStore store;
-  const PLGlobalConfiguration c{URL()};
-  for (const Row& row : rows()) {
-    store.set(kKey, row.value);
-    store.synchronize();
-    EXPECT_EQ(c.haveUpdatedPluginContainersWithParentID(), row.haveUpdated) << row.what;
-  }
-  for (const bool have : {true, false, true}) {
+  for (const bool have : {true, false}) {
     c.setHaveUpdatedPluginContainersWithParentID(have);
-    EXPECT_EQ(c.haveUpdatedPluginContainersWithParentID(), have);
-    FilePreferences stored(store.root().url());
-    EXPECT_EQ(stored.value(kKey, kDomain), Value::boolean(have)) << "not in permanent storage";
+    FilePreferences stored(root_.url());
+    EXPECT_EQ(stored.value(kUpdatedKey, kDomain), Value::boolean(have));
   }
-}
-
-TEST(Settings, TellOnEveryCallWhichModelIsThinnedFor) {
-  PreferenceStore store;
-  const PLGlobalConfiguration c{URL()};
   EXPECT_EQ(c.alternateThinningModelIdentifier(), std::nullopt);
-  const URL suite = URL::fileURL(store.root() / "com.orlix.briscastored.plist");
+  const URL suite = URL::fileURL(root_ / "com.orlix.briscastored.plist");
   for (const Value& value : {Value::string("Model1,1"), Value::string(""), Value::integer(1)}) {
     const Dictionary content{{"ThinnedAppVariantID", value}};
     ASSERT_EQ(writePropertyListFile(Value::dictionary(content), suite, PropertyListFormat::kXML,
