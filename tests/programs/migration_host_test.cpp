@@ -71,101 +71,69 @@ TEST(MigrationHost, EndsWithTheStatusAndOneLineThatNamesTheCause) {
   const TemporaryRoot outside;
   const std::string text = outside.makeFile("text", "no module");
   const std::string missing = outside / "missing";
-  const std::string noEntry = kBinaries + "/lib/libpallion-platform.so";
   const struct {
-    const char* name;
-    Words arguments;  // behind those of setupFor
+    Words arguments;  // behind those of setupFor; of a repeated option the last counts
     Words environment;
     std::string script;
     int status;
     std::string error;  // what the one line on standard error has
     Json result;
   } cases[] = {
-      {"migrated", {}, {}, "", 0, "", true},
-      {"by name", {"migrate"}, {}, "", 0, "", true},
-      {"failed", {}, {}, "perform\nfail\n", 1, "", false},
-      {"no such root",
-       {"--root", missing},
+      {{"migrate"}, {}, "", 0, "", true},
+      {{}, {}, "perform\nfail\n", 1, "", false},
+      {{"--root", missing}, {}, "", 2, ": " + missing + ": No such file or directory", {}},
+      {{"--what"}, {}, "", 2, "--what", {}},
+      {{"migrat\ne"}, {}, "", 2, "migrat\\x0Ae", {}},
+      {{"--plugin", text}, {}, "", 3, ": " + text + ": ", {}},
+      {{"--plugin", kBinaries + "/lib/libpallion-platform.so"},
        {},
        "",
-       2,
-       ": " + missing + ": No such file or directory",
-       {}},
-      {"root is a file", {"--root", text}, {}, "", 2, ": " + text + ": Not a directory", {}},
-      {"unknown option", {"--what"}, {}, "", 2, "--what", {}},
-      {"unknown command", {"migrat\ne"}, {}, "", 2, "migrat\\x0Ae", {}},
-      {"value missing", {"--log"}, {}, "", 2, "--log", {}},
-      {"wrong format", {"--log-format", "xml"}, {}, "", 2, "xml", {}},
-      {"opposites", {"-v", "-q"}, {}, "", 2, "exclu", {}},
-      {"no module", {"--plugin", missing}, {}, "", 3, ": " + missing + ": ", {}},
-      {"not a module", {"--plugin", text}, {}, "", 3, ": " + text + ": ", {}},
-      {"no entry", {"--plugin", noEntry}, {}, "", 3, ": " + noEntry + ": no migration plug-in", {}},
-      {"other interface",
-       {},
-       {"FAKE_ABI=9"},
-       "",
        3,
-       "fake-plugin.so: plug-in interface 9, needed is 1",
+       ": no migration plug-in",
        {}},
-      {"init false",
-       {},
-       {},
-       "init\nerror x the cause\nfail\n",
-       3,
-       "there is no migrator: the cause",
-       {}},
+      {{}, {"FAKE_ABI=9"}, "", 3, "fake-plugin.so: plug-in interface 9, needed is 1", {}},
+      {{}, {}, "init\nerror x the cause\nfail\n", 3, "there is no migrator: the cause", {}},
   };
   for (const auto& c : cases) {
-    for (const bool json : {false, true}) {
-      SCOPED_TRACE(std::string(c.name) + (json ? " as JSON" : ""));
-      const TemporaryRoot root;
-      ChildProcess::Setup setup = setupFor(root, c.script);
-      Words& arguments = setup.arguments;
-      // Every option once: a second --root or --plugin takes the place of the first.
-      for (size_t i = 0; i < c.arguments.size(); ++i) {
-        const auto same = std::find(arguments.begin(), arguments.end(), c.arguments[i]);
-        if (same != arguments.end()) {
-          *(same + 1) = c.arguments[++i];
-        } else {
-          arguments.push_back(c.arguments[i]);
-        }
-      }
-      if (json) arguments.insert(arguments.begin() + 1, "--json");
-      setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
-      const ProcessOutcome outcome = runProcess(setup);
-      EXPECT_EQ(outcome.status, c.status);
-      const Words errors = lines(outcome.err);
-      ASSERT_EQ(errors.size(), c.error.empty() ? 0U : 1U) << outcome.err;
-      if (!errors.empty()) {
-        EXPECT_TRUE(errors[0].starts_with("migration-host: ")) << errors[0];
-        EXPECT_NE(errors[0].find(c.error), std::string::npos) << errors[0];
-      }
-      if (json) {
-        EXPECT_EQ(summaryOf(outcome).at("result"), c.result);
+    SCOPED_TRACE(c.error);
+    const TemporaryRoot root;
+    ChildProcess::Setup setup = setupFor(root, c.script, {"--json"});
+    Words& arguments = setup.arguments;
+    for (size_t i = 0; i < c.arguments.size(); ++i) {
+      const auto same = std::find(arguments.begin(), arguments.end(), c.arguments[i]);
+      if (same != arguments.end()) {
+        *(same + 1) = c.arguments[++i];
       } else {
-        EXPECT_EQ(outcome.out,
-                  c.result.is_null() ? "" : "0 migrated, 0 failed, 0 other problems in 0.0 s\n");
+        arguments.push_back(c.arguments[i]);
       }
     }
+    setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
+    const ProcessOutcome outcome = runProcess(setup);
+    EXPECT_EQ(outcome.status, c.status);
+    const Words errors = lines(outcome.err);
+    ASSERT_EQ(errors.size(), c.error.empty() ? 0U : 1U) << outcome.err;
+    if (!errors.empty()) {
+      EXPECT_TRUE(errors[0].starts_with("migration-host: ")) << errors[0];
+      EXPECT_NE(errors[0].find(c.error), std::string::npos) << errors[0];
+    }
+    EXPECT_EQ(summaryOf(outcome).at("result"), c.result);
   }
 }
 
-TEST(MigrationHost, AsksThePluginOnceAndInsideTheRoot) {
+TEST(MigrationHost, AsksThePluginOnceInsideTheRootAlsoWithoutPrivileges) {
   const TemporaryRoot root;
   ChildProcess::Setup setup = setupFor(root, "");
   setup.environment.push_back("TMPDIR=" + root.path());
   EXPECT_EQ(runProcess(setup).status, 0);
-  EXPECT_EQ(readAll(root / "calls"),
-            "init mask=18 cwd=/ tmpdir=none\ndataClassName\nperformMigration\ndestroy\n");
-}
+  const std::string calls =
+      "init mask=18 cwd=/ tmpdir=none\ndataClassName\nperformMigration\ndestroy\n";
+  EXPECT_EQ(readAll(root / "calls"), calls);
 
-TEST(MigrationHost, EntersTheRootWithoutPrivilegesInANamespaceOfItsOwn) {
   if (!isRoot()) GTEST_SKIP() << "the other tests run without privileges already";
   if (readAll("/proc/sys/user/max_user_namespaces") == "0\n")
     GTEST_SKIP() << "no user namespaces here";
   constexpr uid_t kNobody = 65534;
-  const TemporaryRoot root;
-  ChildProcess::Setup setup = setupFor(root, "");
+  std::filesystem::remove(root / "calls");
   setup.user = kNobody;
   const ProcessOutcome refused = runProcess(setup);
   if (refused.status == 127) GTEST_SKIP() << "the program is not readable for everyone";
@@ -174,7 +142,7 @@ TEST(MigrationHost, EntersTheRootWithoutPrivilegesInANamespaceOfItsOwn) {
   ASSERT_EQ(chown(root.path().c_str(), kNobody, kNobody), 0);
   const ProcessOutcome outcome = runProcess(setup);
   EXPECT_EQ(outcome.status, 0) << outcome.err;
-  EXPECT_TRUE(readAll(root / "calls").starts_with("init mask=18 cwd=/ tmpdir=none\n"));
+  EXPECT_EQ(readAll(root / "calls"), calls);
 }
 
 TEST(MigrationHost, RefusesASecondRunOnTheSameRoot) {
@@ -282,13 +250,9 @@ TEST(MigrationHostLogs, HoldTheLinesUpToTheLevelThatIsAskedFor) {
     EXPECT_EQ(lines(readAll(root / kHostLog)).size(), c.hostLines);
     EXPECT_EQ(lines(readAll(root / kProductLog)).size(), c.productLines);
   }
-}
-
-TEST(MigrationHostLogs, GoToOneFileOutsideWhenThatIsAskedFor) {
   const TemporaryRoot root;
   const TemporaryRoot outside;
-  EXPECT_EQ(run(root, kLoggingScript, {"--log", outside / "log", "-v", "--log-format", "json"}).err,
-            "");
+  run(root, kLoggingScript, {"--log", outside / "log", "-v", "--log-format", "json"});
   EXPECT_FALSE(exists(root / "private"));
   Words seen;
   for (const std::string& line : lines(readAll(outside / "log"))) {
@@ -331,46 +295,22 @@ TEST(MigrationHostProgress, IsABarThatNeverGoesBackOrBeyondTheEnd) {
   const ProcessOutcome outcome = runProcess(setup);
   EXPECT_EQ(outcome.status, 0);
   std::vector<int> percentages;
-  bool named = false;
-  const std::regex drawn(
-      R"(\r\x1b\[K\[(#*)(-*)\] +(\d+)%  (\d) done  00:0\d elapsed, \d+:\d\d(?::\d\d)? left  ([^\r]*))");
+  const std::regex drawn(R"(\r\x1b\[K\[#*-*\] +(\d+)%  \d done [^\r]*)");
   for (std::sregex_iterator at(outcome.err.begin(), outcome.err.end(), drawn), end; at != end;
        ++at) {
-    const std::smatch& row = *at;
-    percentages.push_back(std::stoi(row[3]));
-    EXPECT_EQ(row[1].length() + row[2].length(), 20);
-    EXPECT_EQ(row[1].length(), percentages.back() / 5);
-    // Cut so that the last column stays free; what stands before "[" moves and clears.
-    if (row[5].length() != 0) {
-      EXPECT_TRUE(row[5].str().starts_with("com.\\x1B[2J\\x9B")) << row[5];
-      EXPECT_EQ(row[0].length() - 4, 79);
-      named = true;
-    }
+    percentages.push_back(std::stoi((*at)[1]));
+    EXPECT_LE((*at)[0].length() - 4, 79) << "the last column stays free";
   }
   percentages.erase(std::unique(percentages.begin(), percentages.end()), percentages.end());
   EXPECT_EQ(percentages, (std::vector<int>{0, 50, 100})) << outcome.err;
-  EXPECT_TRUE(named);
-  EXPECT_TRUE(outcome.err.ends_with("\r\x1b[K")) << "the row is cleared at the end";
+  EXPECT_NE(outcome.err.find("com.\\x1B[2J\\x9B"), std::string::npos) << outcome.err;
   EXPECT_EQ(std::regex_replace(outcome.err, drawn, ""), "\r\x1b[K") << "nothing else is written";
-}
 
-TEST(MigrationHostProgress, IsNotShownWhereItWouldDisturb) {
-  const struct {
-    const char* name;
-    unsigned short columns;
-    Words environment;
-    Words arguments;
-  } cases[] = {{"dumb", 80, {"TERM=dumb"}, {}},
-               {"plain", 80, {"TERM=xterm", "NO_COLOR=1"}, {}},
-               {"narrow", 20, {"TERM=xterm", "NO_COLOR="}, {}},
-               {"quiet", 80, {"TERM=xterm", "NO_COLOR="}, {"-q"}}};
-  for (const auto& c : cases) {
-    const TemporaryRoot root;
-    ChildProcess::Setup setup = setupFor(root, "perform\nprogress 0.5\npause 150\n", c.arguments);
-    setup.terminalColumns = c.columns;
-    setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
-    EXPECT_EQ(runProcess(setup).err, "") << c.name;
-  }
+  setup.arguments.push_back("-q");
+  EXPECT_EQ(runProcess(setup).err, "");
+  setup.arguments.pop_back();
+  setup.environment.back() = "NO_COLOR=1";
+  EXPECT_EQ(runProcess(setup).err, "");
 }
 
 TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
@@ -397,19 +337,18 @@ TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
   ASSERT_TRUE(document.is_object()) << outcome.out;
   const Json& applications = document.at("applications");
   ASSERT_EQ(applications.size(), 2U) << outcome.out;
-  const std::string data = applications[0].at("dataContainerURL").get<std::string>();
-  EXPECT_TRUE(data.starts_with("/private/var/palliond/Containers/Data/") &&
-              exists(root.path() + data))
-      << data;
-  EXPECT_EQ(applications[0].at("identifier"), "com.example.alone");
-  EXPECT_TRUE(applications[0].at("bundleURL").is_null());
-  EXPECT_EQ(applications[1].at("identifier"), "com.example.built");
-  EXPECT_EQ(applications[1].at("bundleURL"), "/Applications/Built.app");
-  EXPECT_EQ(applications[1].at("version"), "1.10");
-  EXPECT_EQ(applications[1].at("type"), "App");
-  EXPECT_EQ(applications[1].at("builtIn"), true);
-  EXPECT_EQ(applications[1].at("placeholder"), false);
-  EXPECT_TRUE(applications[1].contains("groupContainerURLs"));
+  const Json& alone = applications[0];
+  EXPECT_EQ(alone.at("identifier"), "com.example.alone");
+  EXPECT_TRUE(alone.at("bundleURL").is_null());
+  const std::string data = alone.at("dataContainerURL").get<std::string>();
+  EXPECT_TRUE(data.starts_with("/private/var/palliond/Containers/Data/")) << data;
+  Json built = applications[1];
+  for (const char* own : {"bundleContainerURL", "dataContainerURL", "groupContainerURLs"}) {
+    EXPECT_EQ(built.erase(own), 1U) << own;
+  }
+  EXPECT_EQ(built, Json::parse(R"({"identifier": "com.example.built", "type": "App",
+    "placeholder": false, "builtIn": true, "version": "1.10",
+    "bundleURL": "/Applications/Built.app"})"));
   const Json& harbor = document.at("safeHarbors").at(0);
   EXPECT_EQ(harbor.at("identifier"), "com.example.gone");
   EXPECT_EQ(harbor.at("containerType"), 2);
@@ -418,19 +357,17 @@ TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
 
 TEST(MigrationHostApps, ChangesNothingAndNamesTheCauseOfAFailure) {
   const TemporaryRoot root;
-  const auto showApps = [&] {
-    return runProcess(
-        {.arguments = {kBinaries + "/bin/migration-host", "--root", root.path(), "apps"},
-         .environment = {"ASAN_OPTIONS=detect_leaks=0"}});
-  };
-  const ProcessOutcome empty = showApps();
+  const ChildProcess::Setup apps{
+      .arguments = {kBinaries + "/bin/migration-host", "apps", "--root", root.path()},
+      .environment = {"ASAN_OPTIONS=detect_leaks=0"}};
+  const ProcessOutcome empty = runProcess(apps);
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(empty.out, "0 applications, 0 safe harbors\n");
   EXPECT_TRUE(std::filesystem::is_empty(root.path()));
 
   const std::string database = "private/var/palliond/Library/Pallion/registry.sqlite";
   root.makeFile(database, "this is no database at all");
-  const ProcessOutcome damaged = showApps();
+  const ProcessOutcome damaged = runProcess(apps);
   EXPECT_EQ(damaged.status, 1);
   EXPECT_EQ(damaged.out, "");
   ASSERT_EQ(lines(damaged.err).size(), 1U) << damaged.err;
@@ -438,19 +375,13 @@ TEST(MigrationHostApps, ChangesNothingAndNamesTheCauseOfAFailure) {
 }
 
 TEST(MigrationHostHelp, IsPrintedBeforeAnythingIsDone) {
-  for (const Words& arguments : {Words{"--help"}, Words{"apps", "--help"}, Words{"--version"}}) {
-    const TemporaryRoot root;
-    const ProcessOutcome outcome = run(root, "", arguments);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.err, "");
-    const bool version = arguments[0] == "--version";
-    for (const char* part : {"\nExamples:\n  migration-host", "\n  --root DIR ", "\n  apps "}) {
-      EXPECT_EQ(outcome.out.find(part) != std::string::npos, !version) << part;
-    }
-    EXPECT_EQ(std::regex_match(outcome.out, std::regex("migration-host \\d+\\.\\d+\\.\\d+\n")),
-              version);
-    EXPECT_FALSE(exists(root / "calls"));
+  const TemporaryRoot root;
+  for (const char* option : {"--help", "--version"}) {
+    const ProcessOutcome outcome = run(root, "", {option});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("migration-host"), std::string::npos) << outcome.out;
   }
+  EXPECT_FALSE(exists(root / "calls"));
 }
 
 }  // namespace

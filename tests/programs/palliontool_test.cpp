@@ -20,14 +20,12 @@ using Words = std::vector<std::string>;
 
 const std::string kTool = std::string(PALLION_BINARY_DIR) + "/bin/palliontool";
 
-ProcessOutcome run(const Words& arguments,
-                   ChildProcess::Output output = ChildProcess::Output::kCaptured) {
+ProcessOutcome run(const Words& arguments) {
   ChildProcess::Setup setup;
   setup.arguments = {kTool};
   setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
   // The leak check looks into /proc, which a root of ours does not have.
   setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-  setup.output = output;
   return runProcess(setup);
 }
 
@@ -74,25 +72,19 @@ TEST(PallionTool, AnswersOnFiles) {
   const TemporaryRoot root;
   root.makeFile("f", "hi\n");
   root.makeFile("list/sub/x");
+  root.makeFile("links/x");
+  root.makeLink("links/link", "x");
   root.makeLink("link", "f");
   root.makeLink("out", "/etc");
-  ASSERT_EQ(mkfifo((root / "fifo").c_str(), 0600), 0);
+  const std::string digest = "98ea6e4f216f2fb4b69fff9b3a44842c38686ca685f3f55dc48c5d3fb1107be4  ";
+  const std::string digests = digest + "@/f\n" + digest + "@/link\n";
   expectOutcomes(root,
                  {
-                     {"digest @/f @/none @/link", 1,
-                      "98ea6e4f216f2fb4b69fff9b3a44842c38686ca685f3f55dc48c5d3fb1107be4  @/f\n"
-                      "98ea6e4f216f2fb4b69fff9b3a44842c38686ca685f3f55dc48c5d3fb1107be4  @/link\n",
+                     {"digest @/f @/none @/link", 1, digests.c_str(),
                       "failed to open @/none : No such file or directory"},
-                     {"digest @/list", 1, "", "read failed for @/list : Is a directory"},
-                     {"real-path --base @ @/link", 0, "@/f\n", ""},
                      {"real-path --base @/ @/list/./new", 0, "@/list/new\n", ""},
-                     {"real-path --base @/ @", 1, "",
-                      "supiscious path @ does not contain base path @/ as a prefix"},
                      {"real-path --base @ @/out", 1, "",
                       "Rejecting @/out -> /etc, as absolute symlinks are not allowed"},
-                     {"real-path --base @/none @/none/x", 1, "",
-                      "@/none/x: Failed to realpath @/none : No such file or directory at @/none"},
-                     {"list @/list", 0, "@/list/sub/\n", ""},
                      {"list @/f", 1, "", "_IterateDirectory for @/f returned Not a directory"},
                      {"copy @/list @/copied", 0, "", ""},
                      {"copy @/list @/copied", 1, "",
@@ -102,45 +94,32 @@ TEST(PallionTool, AnswersOnFiles) {
                       "rename of file://@/copied to file://@/x failed: No such file or directory"},
                      {"list @/list/moved", 0, "@/list/moved/sub/\n", ""},
                      {"remove @/list/moved", 0, "", ""},
-                     {"remove @/list/moved", 0, "", ""},
                      {"list @/list", 0, "@/list/sub/\n", ""},
-                     {"list --ignore-links @/list/sub", 0, "@/list/sub/x\n", ""},
+                     {"list --ignore-links @/links", 0, "@/links/x\n", ""},
                  });
-  root.makeLink("list/sub/link", "x");
-  EXPECT_EQ(run({"list", "--ignore-links", root / "list/sub"}).out, root / "list/sub/x\n");
-  EXPECT_NE(run({"list", root / "list/sub"}).out.find("/link\n"), std::string::npos);
 }
 
 TEST(PallionTool, AnswersOnBundles) {
   const TemporaryRoot root;
   root.makeFile("A.app/Info.plist", kInfo);
-  root.makeFile("damaged.app/Info.plist", "junk");
   root.makeDirectory("bare.app");
   const char* const kVersion = "{\n  \"QXBundleVersion\": \"1.2\"\n}\n";
   expectOutcomes(
-      root,
-      {
-          {"info-plist @/A.app --key QXBundleVersion --key none --to json", 0, kVersion, ""},
-          {"info-plist @/bare.app", 1, "",
-           "Missing Info.plist at file://@/bare.app/Info.plist: No such file or directory"},
-          {"info-plist @/damaged.app", 1, "",
-           "QXBundleGetInfoDictionary failed for bundle file://@/damaged.app/: "
-           "no property list, or a damaged one"},
-          {"placeholder @/A.app", 1, "", ""},
-          {"placeholder @/none", 1, "", "@/none: No such file or directory"},
-          {"placeholder @/A.app --mark", 0, "", ""},
-          {"placeholder @/A.app", 0, "", ""},
-          {"install-type @/A.app", 0, "0\n", ""},
-          {"install-type @/A.app 18446744073709551615", 0, "18446744073709551615\n", ""},
-          {"install-type @/A.app", 0, "18446744073709551615\n", ""},
-          {"install-type @/none 1", 1, "",
-           "Could't set installType EA on \"@/none\": No such file or directory"},
-          {"protection-class @/A.app 4", 0, "4\n", ""},
-          {"protection-class @/A.app", 0, "4\n", ""},
-          {"protection-class @/A.app -1", 1, "",
-           "Failed to setclass(-1) on file @/A.app: Invalid argument"},
-          {"protection-class @/none", 1, "", "Failed to open @/none : No such file or directory"},
-      });
+      root, {
+                {"info-plist @/A.app --key QXBundleVersion --key none --to json", 0, kVersion, ""},
+                {"info-plist @/bare.app", 1, "",
+                 "Missing Info.plist at file://@/bare.app/Info.plist: No such file or directory"},
+                {"placeholder @/A.app", 1, "", ""},
+                {"placeholder @/none", 1, "", "@/none: No such file or directory"},
+                {"placeholder @/A.app --mark", 0, "", ""},
+                {"placeholder @/A.app", 0, "", ""},
+                {"install-type @/A.app 18446744073709551615", 0, "18446744073709551615\n", ""},
+                {"install-type @/A.app", 0, "18446744073709551615\n", ""},
+                {"protection-class @/A.app 4", 0, "4\n", ""},
+                {"protection-class @/A.app", 0, "4\n", ""},
+                {"protection-class @/A.app -1", 1, "",
+                 "Failed to setclass(-1) on file @/A.app: Invalid argument"},
+            });
   if (!isRoot()) GTEST_SKIP() << "changing owners needs root";
   root.makeLink("A.app/out", "../..");
   expectOutcomes(root, {{"standardize-ownership --uid 12 --gid 34 @/A.app", 0, "", ""},
@@ -159,13 +138,8 @@ TEST(PallionTool, RefusesWrongUsageBeforeAnythingIsDone) {
       root, {
                 {"", 2, "", "A subcommand is required"},
                 {"shred @/f", 2, "", "no such subcommand: shred"},
-                {"prefs", 2, "", "A subcommand is required"},
-                {"digest", 2, "", "FILE is required"},
                 {"remove @/f --force", 2, "", "The following argument was not expected: --force"},
-                {"remove @/f @/g", 2, "", "The following argument was not expected: @/g"},
                 {"remove --root @/none /", 2, "", "@/none: No such file or directory"},
-                {"plist @/f --to yaml", 2, "", "--to: yaml not in {xml,binary,json}"},
-                {"install-type @/f 1x", 2, "", "N: no number that fits: 1x"},
                 {"protection-class @/f 2147483648", 2, "", "N: no number that fits: 2147483648"},
                 {"standardize-ownership --uid 0 --gid 4294967295 @/f", 2, "",
                  "--gid: no number that fits: 4294967295"},
@@ -174,25 +148,15 @@ TEST(PallionTool, RefusesWrongUsageBeforeAnythingIsDone) {
   EXPECT_TRUE(exists(root / "f"));
 }
 
-TEST(PallionTool, WritesDigestsThatSha256sumAccepts) {
+TEST(PallionTool, WritesDigestsAsSha256sumDoes) {
   const TemporaryRoot root;
   Words command = {"digest"};
-  for (const char* name :
-       {"plain", "[a,b]", "list", "back\\slash", "two\nlines", "re\rturn", "not \xFF UTF-8"}) {
+  for (const char* name : {"plain", "back\\slash", "two\nlines", "re\rturn", "not \xFF UTF-8"}) {
     command.push_back(root.makeFile(name, name));
   }
-  const ProcessOutcome outcome = run(command);
-  EXPECT_EQ(outcome.status, 0) << outcome.err;
-  const std::string sums = root.makeFile("sums", outcome.out);
-  const std::string check = "sha256sum --check --strict --status ";
-  EXPECT_EQ(std::system((check + sums).c_str()), 0) << outcome.out;
-  root.makeFile("two\nlines", "changed");
-  EXPECT_NE(std::system((check + sums).c_str()), 0) << "the check sees every name";
-  const ProcessOutcome changed = run(command);
+  const std::string digests = run(command).out;
   command[0] = "/usr/bin/sha256sum";
-  ChildProcess::Setup setup;
-  setup.arguments = command;
-  EXPECT_EQ(changed.out, runProcess(setup).out);
+  EXPECT_EQ(digests, runProcess({.arguments = command, .environment = {}}).out);
 }
 
 TEST(PallionTool, ConvertsPropertyLists) {
@@ -212,56 +176,41 @@ TEST(PallionTool, ConvertsPropertyLists) {
   const ProcessOutcome back = run({"plist", converted});
   EXPECT_TRUE(back.out.starts_with("<?xml ")) << back.out;
   EXPECT_EQ(readPropertyList(back.out), list);
-  for (const std::string& file : {xml, converted}) {
-    EXPECT_EQ(Json::parse(run({"plist", file, "--to", "json"}).out, nullptr, false),
-              Json({{"text", "\xC3\xA9&"},
-                    {"n", 18446744073709551615U},
-                    {"m", -1},
-                    {"r", 1.5},
-                    {"b", true},
-                    {"t", "2020-01-02T03:04:05Z"},
-                    {"a", {"AAEC/w==", "AAE=", ""}}}));
-  }
+  EXPECT_EQ(Json::parse(run({"plist", converted, "--to", "json"}).out, nullptr, false),
+            Json({{"text", "\xC3\xA9&"},
+                  {"n", 18446744073709551615U},
+                  {"m", -1},
+                  {"r", 1.5},
+                  {"b", true},
+                  {"t", "2020-01-02T03:04:05Z"},
+                  {"a", {"AAEC/w==", "AAE=", ""}}}));
 
-  const auto object = [](const Value& key) {
-    Dictionary dictionary;
-    dictionary.set(key, Value::integer(1));
-    return Value::dictionary(dictionary);
-  };
+  Dictionary oddKey;
+  oddKey.set(Value::integer(2), Value::integer(1));
   const struct {
-    const char* name;
     Value list;
     const char* form;
-    const char* out;
     const char* error;
   } cases[] = {
-      {"set", Value::set({Value::integer(7)}), "json", "[\n  7\n]\n", ""},
-      {"set", Value::set({Value::integer(7)}), "xml", "", "XML can't hold a key or a value of it"},
-      {"key", object(Value::integer(2)), "json", "",
+      {Value::set({Value::integer(7)}), "xml", "XML can't hold a key or a value of it"},
+      {Value::dictionary(oddKey), "json",
        "JSON can't hold it: a dictionary has a key that is no string"},
-      {"infinite", Value::array({Value::real(HUGE_VAL)}), "json", "",
-       "JSON can't hold it: a number is not finite"},
-      {"date", Value::date(1e15), "json", "",
-       "JSON can't hold it: a date is outside the years 1 to 9999"},
+      {Value::array({Value::real(HUGE_VAL)}), "json", "JSON can't hold it: a number is not finite"},
+      {Value::date(1e15), "json", "JSON can't hold it: a date is outside the years 1 to 9999"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.name) + " to " + c.form);
     const auto bytes = writePropertyList(c.list, PropertyListFormat::kBinary);
     ASSERT_TRUE(bytes);
-    const std::string file = root.makeFile(c.name, *bytes);
+    const std::string file = root.makeFile("odd", *bytes);
     const ProcessOutcome outcome = run({"plist", file, "--to", c.form});
-    EXPECT_EQ(outcome.status, *c.error ? 1 : 0);
-    EXPECT_EQ(outcome.out, c.out);
-    EXPECT_EQ(outcome.err, *c.error ? "palliontool: " + file + ": " + c.error + "\n" : "");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "palliontool: " + file + ": " + c.error + "\n");
   }
 
   root.makeFile("cut", binary.out.substr(0, binary.out.size() - 1));
-  root.makeLink("link", "xml");
   ASSERT_EQ(mkfifo((root / "fifo").c_str(), 0600), 0);
   expectOutcomes(root, {{"plist @/cut", 1, "", "@/cut: no property list, or a damaged one"},
-                        {"plist @/link", 1, "", "@/link: Too many levels of symbolic links"},
                         {"plist @/fifo", 1, "", "@/fifo: Invalid argument"},
-                        {"plist @", 1, "", "@: Is a directory"},
                         {"plist @/none", 1, "", "@/none: No such file or directory"}});
 }
 
@@ -270,14 +219,12 @@ TEST(PallionTool, WorksInsideAnotherRoot) {
   root.makeFile("Applications/A.app/Info.plist", kInfo);
   root.makeFile("OrlixInternal/Frameworks/F.framework/Info.plist", kInfo);
   expectOutcomes(root, {{"list --root @ /Applications", 0, "/Applications/A.app/\n", ""},
-                        {"--root @ list Applications", 0, "/Applications/A.app/\n", ""},
                         {"prefs get --root @ Name", 1, "", "Name: not set"},
-                        {"prefs set --root @ Name [1]", 0, "", ""},
-                        {"prefs get --root @ Name", 0, "[1]\n", ""},
                         {"prefs set --root @ SimultaneousInstallsNumber -2", 0, "", ""},
                         {"prefs get --root @ SimultaneousInstallsNumber", 0, "-2\n", ""},
                         {"prefs set --root @ SkipThinningCheck true", 0, "", ""},
-                        {"prefs get --root @ SkipThinningCheck", 0, "true\n", ""}});
+                        {"prefs set --root @ Name [1]", 0, "", ""},
+                        {"prefs get --root @ Name", 0, "[1]\n", ""}});
 
   const Json config = Json::parse(run({"config", "--root", root.path(), "--json"}).out);
   const std::pair<const char*, Json> values[] = {
@@ -289,16 +236,9 @@ TEST(PallionTool, WorksInsideAnotherRoot) {
       {"installationBlacklist", {"com.orlix.Tovin6Updater"}},
       {"alternateThinningModelIdentifier", nullptr}};
   for (const auto& [name, value] : values) EXPECT_EQ(config.at(name), value) << name;
-  // The table has the same names and values, a list a row for each member.
   const std::string table = run({"config", "--root", root.path()}).out;
   for (const auto& [name, value] : config.items()) {
-    for (const Json& member : value.is_array() ? value : Json::array({value})) {
-      const std::string text = member.is_null()     ? "-"
-                               : member.is_string() ? member.get<std::string>()
-                                                    : member.dump();
-      const std::string row = "\n" + name + std::string(41 - name.size(), ' ') + text + "\n";
-      EXPECT_NE(("\n" + table).find(row), std::string::npos) << row;
-    }
+    EXPECT_NE(("\n" + table).find("\n" + name + " "), std::string::npos) << name;
   }
 
   const Json builtIn = Json::parse(run({"built-in", "--root", root.path(), "--json"}).out);
@@ -317,15 +257,6 @@ TEST(PallionTool, WorksInsideAnotherRoot) {
   EXPECT_NE(partly.err.find("/System/Library/Baseweave/ "), std::string::npos) << partly.err;
 }
 
-TEST(PallionTool, TellsWhatAnOperationPutUpWith) {
-  const TemporaryRoot root;
-  root.makeFile("private/var/palliond", "no directory");
-  const ProcessOutcome outcome = run({"config", "--root", root.path()});
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_NE(outcome.out.find("/private/var/palliond/Library/Logs/Pallion/\n"), std::string::npos);
-  EXPECT_NE(outcome.err.find("palliontool: Failed to create log directory at"), std::string::npos);
-}
-
 TEST(PallionTool, FailsWhenItsOutputIsLost) {
   const TemporaryRoot root;
   const std::string file = root.makeFile("f", kInfo);
@@ -336,25 +267,17 @@ TEST(PallionTool, FailsWhenItsOutputIsLost) {
 }
 
 TEST(PallionToolHelp, EverySubcommandHasExamples) {
-  const std::string help = run({"--help"}).out;
-  const Words commands = {
-      "digest",      "info-plist",   "plist",  "real-path", "standardize-ownership",
-      "placeholder", "install-type", "config", "built-in",  "protection-class",
-      "prefs",       "prefs get",    "move",   "prefs set", "copy",
-      "remove",      "list"};
-  for (const std::string& command : commands) {
-    if (command.find(' ') == std::string::npos) {
-      EXPECT_NE(help.find("\n  " + command + " "), std::string::npos) << command;
-    }
-    const ProcessOutcome outcome = run(wordsOf(command + " --help"));
+  for (const char* command :
+       {"digest", "info-plist", "plist", "real-path", "standardize-ownership", "placeholder",
+        "install-type", "config", "built-in", "protection-class", "prefs", "prefs get", "prefs set",
+        "move", "copy", "remove", "list"}) {
+    const ProcessOutcome outcome = run(wordsOf(std::string(command) + " --help"));
     EXPECT_EQ(outcome.status, 0) << command;
-    EXPECT_NE(outcome.out.find("\nExamples:\n  palliontool " + command), std::string::npos)
+    EXPECT_NE(outcome.out.find(std::string("\nExamples:\n  palliontool ") + command),
+              std::string::npos)
         << outcome.out;
-    EXPECT_NE(outcome.out.find("\n  --root DIR "), std::string::npos) << outcome.out;
   }
-  const ProcessOutcome version = run({"--version"});
-  EXPECT_TRUE(version.out.starts_with("palliontool ")) << version.out;
-  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(run({"--version"}).out.starts_with("palliontool "));
 }
 
 }  // namespace
