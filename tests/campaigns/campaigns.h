@@ -25,6 +25,11 @@ unsigned runFaults(const CampaignOptions& options);
 // Cuts the power of two ext4 volumes during and after a run.
 unsigned runPowerCuts(const CampaignOptions& options);
 
+// Of `count` points that are spread evenly over 1 to `all`, the one with that index.
+inline unsigned pointAt(unsigned index, unsigned count, unsigned all) {
+  return 1 + static_cast<unsigned>(uint64_t{index} * all / count);
+}
+
 // Prints one finding.
 void report(const char* campaign, const std::string& where, const std::string& what);
 

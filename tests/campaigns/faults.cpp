@@ -148,7 +148,7 @@ unsigned runFaults(const CampaignOptions& options) {
       for (unsigned i = 0; i < count; ++i) {
         // With few points every error has others.
         const auto offset = static_cast<unsigned>((e * 2 + (forGood ? 1 : 0)) * (all / count) / 16);
-        const unsigned point = 1 + static_cast<unsigned>(uint64_t{i} * all / count) + offset;
+        const unsigned point = pointAt(i, count, all) + offset;
         const std::string problem = faults.problemOf(point, kErrors[e], forGood);
         ++injected;
         if (problem.empty()) continue;

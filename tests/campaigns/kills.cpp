@@ -71,7 +71,7 @@ unsigned runKills(const CampaignOptions& options) {
   const unsigned count = options.points == 0 ? all : std::min(options.points, all);
   unsigned findings = 0;
   for (unsigned i = 0; i < count; ++i) {
-    const unsigned point = 1 + static_cast<unsigned>(uint64_t{i} * all / count);
+    const unsigned point = pointAt(i, count, all);
     if (!kills.survives({point})) ++findings;
   }
   std::mt19937_64 random(options.seed);

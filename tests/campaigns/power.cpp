@@ -168,14 +168,17 @@ unsigned runPowerCuts(const CampaignOptions& options) {
   const unsigned all = device.runUntil(0, call);
   const unsigned count = std::min(options.points == 0 ? 100 : options.points, all);
   unsigned findings = 0;
+  const auto judge = [&](const std::string& where) {
+    const std::string problem = device.problemAfterReturn();
+    if (problem.empty()) return;
+    ++findings;
+    report("power", where, problem);
+  };
   for (unsigned i = 0; i < count; ++i) {
-    const unsigned point = 1 + static_cast<unsigned>(uint64_t{i} * all / count);
+    const unsigned point = pointAt(i, count, all);
     device.reset();
     device.runUntil(point, call);
-    const std::string problem = device.problemAfterReturn();
-    if (problem.empty()) continue;
-    ++findings;
-    report("power", " before change " + std::to_string(point) + " (" + call + ")", problem);
+    judge(" before change " + std::to_string(point) + " (" + call + ")");
   }
   unsigned cutsAfter = 0;
   for (const int seconds : {0, 1, 5, 7, 12, 20, 45}) {
@@ -185,10 +188,7 @@ unsigned runPowerCuts(const CampaignOptions& options) {
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     device.cutNow();
     ++cutsAfter;
-    const std::string problem = device.problemAfterReturn();
-    if (problem.empty()) continue;
-    ++findings;
-    report("power", " " + std::to_string(seconds) + " s after the run", problem);
+    judge(" " + std::to_string(seconds) + " s after the run");
   }
   std::printf(
       "power (%s): %u changes a run, cut before %u of them and %u times after a run: %u findings\n",

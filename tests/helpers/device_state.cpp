@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <set>
 
 #include "file_operations/file_manager.h"
 #include "foundation/format.h"
@@ -67,16 +68,16 @@ std::vector<std::string> groupsOf(const Dictionary& info) {
 DeviceState::DeviceState(const std::string& root) {
   for (const auto& entry : fs::directory_iterator(root + kMobile + "/Applications"))
     readContainer(entry.path());
-  const std::string prefix = root;  // paths in the lists are those inside the device
+  // Paths in the lists are those inside the device.
   const URL map = URL::fileURL(root + kMobile + "/Library/Caches/com.orlix.pallion.plist");
   if (const auto installMap = readDictionaryFile(map)) {
     if (const Value groups = installMap->get("GroupContainers"); groups.asDictionary()) {
       for (const auto& [identifier, entry] : *groups.asDictionary()) {
-        groups_[*identifier.asString()] =
-            withoutTop(snapshotTree(prefix + *entry.asDictionary()->getString("Container")));
-        entriesBelow(
-            prefix + *entry.asDictionary()->getString("Container"), 1,
-            [this](const fs::path& path) { items_.emplace(path.filename(), snapshotTree(path)); });
+        const std::string group = root + *entry.asDictionary()->getString("Container");
+        groups_[*identifier.asString()] = withoutTop(snapshotTree(group));
+        entriesBelow(group, 1, [this](const fs::path& path) {
+          items_.emplace(path.filename(), snapshotTree(path));
+        });
       }
     }
   }
@@ -84,7 +85,7 @@ DeviceState::DeviceState(const std::string& root) {
   if (const auto harbors = readDictionaryFile(harborMap)) {
     for (const auto& [identifier, entry] : *harbors) {
       harbors_[*identifier.asString()] =
-          snapshotTree(prefix + *entry.asDictionary()->getString("HarborPathKey"));
+          snapshotTree(root + *entry.asDictionary()->getString("HarborPathKey"));
       items_.emplace("", harbors_[*identifier.asString()]);
     }
   }
@@ -138,18 +139,17 @@ std::string DeviceState::missingBelow(const std::string& root, Whole whole) cons
                      isBundleName(name) ? withoutTop(snapshotTree(path)) : snapshotTree(path));
   };
   const std::string containers = root + kContainers;
-  entriesBelow(root + kMobile + "/Applications", 2, add);
-  entriesBelow(root + kMobile + "/Library/GroupContainers", 2, add);
-  entriesBelow(containers + "/Data", 2, add);
-  entriesBelow(containers + "/Group", 2, add);
-  entriesBelow(containers + "/Bundle", 2, add);
-  entriesBelow(root + kMobile + "/Applications", 4, [&add](const fs::path& path) {
-    if (path.parent_path().filename() == "Payload") add(path);
-  });
-  entriesBelow(containers + "/Incoming", 2, add);
-  entriesBelow(containers, 4, [&add](const fs::path& path) {
-    if (path.parent_path().filename() == "Payload") add(path);
-  });
+  for (const std::string& directory :
+       {root + kMobile + "/Applications", root + kMobile + "/Library/GroupContainers",
+        containers + "/Data", containers + "/Group", containers + "/Bundle",
+        containers + "/Incoming"}) {
+    entriesBelow(directory, 2, add);
+  }
+  for (const std::string& directory : {root + kMobile + "/Applications", containers}) {
+    entriesBelow(directory, 4, [&add](const fs::path& path) {
+      if (path.parent_path().filename() == "Payload") add(path);
+    });
+  }
   const auto addHarbor = [&standing](const fs::path& path) {
     standing.emplace("", snapshotTree(path));
   };
@@ -199,6 +199,10 @@ std::string registryText(const std::string& root) {
 std::string DeviceState::differenceAfterMigration(const std::string& root) const {
   std::string out;
   const auto say = [&out](const std::string& line) { out += line + "\n"; };
+  const auto compare = [&](const std::string& name, const TreeSnapshot& expected,
+                           const TreeSnapshot& actual) {
+    if (expected != actual) say(name + ":\n" + difference(expected, actual));
+  };
   for (const char* gone : {"/Applications", "/Library/Caches/com.orlix.pallion.plist",
                            "/Library/Pallion/SafeHarbor.plist"}) {
     if (exists(root + kMobile + gone)) say(std::string("still there: ") + gone);
@@ -211,12 +215,11 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
   if (!proxies) return out + "no registry: " + description(error) + "\n";
   std::map<std::string, const BundleProxy*> byIdentifier;
   std::map<std::string, std::string> groupPaths;
-  size_t bundles = 0;
   size_t dataContainers = 0;
-  std::map<std::string, int> bundleContainers;
+  std::set<std::string> bundleContainers;
   for (const BundleProxy& proxy : *proxies) {
     byIdentifier[proxy.bundleIdentifier()] = &proxy;
-    if (proxy.bundleContainerURL()) ++bundleContainers[proxy.bundleContainerURL()->path()];
+    if (proxy.bundleContainerURL()) bundleContainers.insert(proxy.bundleContainerURL()->path());
     dataContainers += proxy.dataContainerURL() ? 1U : 0U;
     if (!proxy.groupContainerURLs()) {
       say("no groups known of " + proxy.bundleIdentifier());
@@ -225,7 +228,6 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
         groupPaths[group] = url.fileSystemRepresentation();
     }
   }
-  bundles = bundleContainers.size();
 
   for (const auto& [identifier, expected] : applications_) {
     const auto found = byIdentifier.find(identifier);
@@ -241,15 +243,13 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
     const std::string data =
         proxy.dataContainerURL() ? proxy.dataContainerURL()->fileSystemRepresentation() : "";
     for (const auto& [name, tree] : expected.userData) {
-      const std::string differences = difference(tree, snapshotTree(data + "/" + name));
-      if (!differences.empty()) say(identifier + " " + name + ":\n" + differences);
+      compare(identifier + " " + name, tree, snapshotTree(data + "/" + name));
     }
     const std::string container =
         proxy.bundleContainerURL() ? proxy.bundleContainerURL()->fileSystemRepresentation() : "";
     if (expected.placeholder) continue;
-    const std::string differences = difference(
-        expected.bundle, withoutTop(snapshotTree(container + "/" + expected.bundleName)));
-    if (!differences.empty()) say(identifier + " bundle:\n" + differences);
+    compare(identifier + " bundle", expected.bundle,
+            withoutTop(snapshotTree(container + "/" + expected.bundleName)));
     for (const auto& [name, content] : expected.metadata) {
       if (readAll(container + "/" + name) != content)
         say(identifier + ": " + name + " is not as it was");
@@ -261,9 +261,7 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
 
   for (const auto& [identifier, tree] : groups_) {
     if (!groupPaths.contains(identifier)) continue;  // no application names it
-    const std::string differences =
-        difference(tree, withoutTop(snapshotTree(groupPaths[identifier])));
-    if (!differences.empty()) say("group " + identifier + ":\n" + differences);
+    compare("group " + identifier, tree, withoutTop(snapshotTree(groupPaths[identifier])));
   }
   const auto harbors = registry->allSafeHarbors(&error);
   std::map<std::string, std::string> harborPaths;
@@ -271,13 +269,14 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
     for (const SafeHarborRecord& harbor : *harbors) harborPaths[harbor.identifier] = harbor.path;
   }
   for (const auto& [identifier, tree] : harbors_) {
-    const std::string differences = difference(tree, snapshotTree(harborPaths[identifier]));
-    if (!differences.empty()) say("harbor " + identifier + ":\n" + differences);
+    compare("harbor " + identifier, tree, snapshotTree(harborPaths[identifier]));
   }
 
   // Nothing unrecorded.
-  const std::pair<const char*, size_t> counts[] = {
-      {"Bundle", bundles}, {"Data", dataContainers}, {"Group", groupPaths.size()}, {"Incoming", 0}};
+  const std::pair<const char*, size_t> counts[] = {{"Bundle", bundleContainers.size()},
+                                                   {"Data", dataContainers},
+                                                   {"Group", groupPaths.size()},
+                                                   {"Incoming", 0}};
   for (const auto& [kind, count] : counts) {
     const size_t standing = entriesOf(root + kContainers + "/" + kind);
     if (standing != count) {

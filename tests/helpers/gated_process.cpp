@@ -112,37 +112,38 @@ int installFilter() {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
 }
 
-bool sendDescriptor(int channel, int descriptor) {
-  char byte = 0;
-  iovec vector{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &vector;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int));
-  __builtin_memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  return sendmsg(channel, &message, 0) == 1;
-}
+// A message of one byte with one descriptor, which is sent, or filled in by the kernel (-1 before).
+class DescriptorMessage {
+ public:
+  explicit DescriptorMessage(int descriptor) {
+    message_.msg_iov = &vector_;
+    message_.msg_iovlen = 1;
+    message_.msg_control = control_;
+    message_.msg_controllen = sizeof control_;
+    cmsghdr* header = CMSG_FIRSTHDR(&message_);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    __builtin_memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+  }
+  DescriptorMessage(const DescriptorMessage&) = delete;
+  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
 
-int receiveDescriptor(int channel) {
-  char byte = 0;
-  iovec vector{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &vector;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  if (recvmsg(channel, &message, MSG_CMSG_CLOEXEC) != 1 || !CMSG_FIRSTHDR(&message)) return -1;
-  int descriptor = -1;
-  __builtin_memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
-  return descriptor;
-}
+  bool send(int channel) { return sendmsg(channel, &message_, 0) == 1; }
+  // The descriptor, or -1.
+  int receive(int channel) {
+    int descriptor = -1;
+    if (recvmsg(channel, &message_, MSG_CMSG_CLOEXEC) == 1 && CMSG_FIRSTHDR(&message_))
+      __builtin_memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message_)), sizeof descriptor);
+    return descriptor;
+  }
+
+ private:
+  char byte_ = 0;
+  iovec vector_{&byte_, 1};
+  alignas(cmsghdr) char control_[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message_{};
+};
 
 [[noreturn]] void becomeProgram(const std::vector<std::string>& arguments, int channel,
                                 int output) {
@@ -154,7 +155,7 @@ int receiveDescriptor(int channel) {
   // The leak check needs /proc, which the root has not.
   if (setenv("ASAN_OPTIONS", "detect_leaks=0", 1) != 0) _exit(126);
   const int listener = installFilter();
-  if (listener < 0 || !sendDescriptor(channel, listener)) _exit(126);
+  if (listener < 0 || !DescriptorMessage(listener).send(channel)) _exit(126);
   execv(pointers[0], pointers.data());
   _exit(127);
 }
@@ -302,7 +303,7 @@ GatedProcess::Outcome GatedProcess::run(const std::vector<std::string>& argument
   if (child < 0) return outcome;
   if (child == 0) becomeProgram(arguments, theirs.get(), output.get());
   theirs.reset();
-  const UniqueDescriptor listener(receiveDescriptor(ours.get()));
+  const UniqueDescriptor listener(DescriptorMessage(-1).receive(ours.get()));
   if (listener) Supervisor(child, listener.get(), gate, logFile).attend(seconds, outcome);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {

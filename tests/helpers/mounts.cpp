@@ -5,13 +5,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <spawn.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
+
+#include "tests/helpers/child_process.h"
 
 namespace pallion::test {
 
@@ -23,7 +23,15 @@ bool enterMountNamespace() {
 }
 
 // The exit status of the child, or -1 when it did not end by itself.
-int waitFor(pid_t child) {
+int runInChild(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) return -1;
+  if (child == 0) {
+    const int status = body();
+    std::fflush(nullptr);
+    _exit(status);
+  }
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) return -1;
@@ -31,28 +39,10 @@ int waitFor(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-int runInChild(const std::function<int()>& body) {
-  std::fflush(nullptr);
-  pid_t child = fork();
-  if (child < 0) return -1;
-  if (child == 0) {
-    int status = body();
-    std::fflush(nullptr);
-    _exit(status);
-  }
-  return waitFor(child);
-}
-
-bool runProgram(std::vector<std::string> arguments) {
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  pid_t child = 0;
-  if (posix_spawnp(&child, pointers[0], nullptr, nullptr, pointers.data(), environ) != 0) {
-    std::perror(pointers[0]);
-    return false;
-  }
-  return waitFor(child) == 0;
+bool runProgram(const std::vector<std::string>& arguments) {
+  const ProcessOutcome outcome = runProcess({.arguments = arguments, .environment = {}});
+  std::fputs(outcome.err.c_str(), stderr);
+  return outcome.status == 0;
 }
 
 }  // namespace
@@ -68,9 +58,8 @@ bool canMount() {
 
 bool canMountImages() {
   static const bool answer = [] {
-    bool formatter =
-        access("/sbin/mkfs.ext4", X_OK) == 0 || access("/usr/sbin/mkfs.ext4", X_OK) == 0;
-    return canMount() && formatter && access("/dev/loop-control", R_OK | W_OK) == 0;
+    return canMount() && access("/sbin/mkfs.ext4", X_OK) == 0 &&
+           access("/dev/loop-control", R_OK | W_OK) == 0;
   }();
   return answer;
 }
@@ -100,9 +89,9 @@ Mount Mount::ext4Image(const std::string& image, const std::string& directory, i
   bool made = file >= 0 && ftruncate(file, off_t{mebibytes} << 20) == 0;
   if (!made) std::perror(image.c_str());
   if (file >= 0) close(file);
-  made = made && runProgram({"mkfs.ext4", "-q", "-F", "-b", "4096", image});
+  made = made && runProgram({"/sbin/mkfs.ext4", "-q", "-F", "-b", "4096", image});
   std::string all = options.empty() ? "loop" : "loop," + options;
-  return {directory, made && runProgram({"mount", "-t", "ext4", "-o", all, image, directory})};
+  return {directory, made && runProgram({"/bin/mount", "-t", "ext4", "-o", all, image, directory})};
 }
 
 Mount Mount::bind(const std::string& source, const std::string& directory) {

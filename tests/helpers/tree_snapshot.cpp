@@ -160,13 +160,9 @@ class Walk {
  private:
   std::string describe(const std::string& path, const struct stat& status) const {
     std::array<char, 128> text{};
-    std::snprintf(text.data(), text.size(), "%s %04o", kindName(status.st_mode),
-                  status.st_mode & 07777U);
+    std::snprintf(text.data(), text.size(), "%s %04o %u:%u", kindName(status.st_mode),
+                  status.st_mode & 07777U, status.st_uid, status.st_gid);
     std::string line = text.data();
-    if (!options_.ignoreOwners) {
-      std::snprintf(text.data(), text.size(), " %u:%u", status.st_uid, status.st_gid);
-      line += text.data();
-    }
     bool directory = S_ISDIR(status.st_mode);
     if (!options_.ignoreTimes && !(directory && options_.ignoreDirectoryTimes)) {
       line += timeText("modified", status.st_mtim);

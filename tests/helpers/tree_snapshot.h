@@ -9,7 +9,6 @@ struct SnapshotOptions {
   // Modification times of directories change whenever an entry is added or removed.
   bool ignoreDirectoryTimes = false;
   bool ignoreTimes = false;
-  bool ignoreOwners = false;
   // Off by default: reading a tree changes them on most mounts. Taking a snapshot does not, where
   // that is permitted.
   bool accessTimes = false;
