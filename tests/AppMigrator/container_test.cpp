@@ -3,11 +3,11 @@
 
 #include "AppMigrator/container_info.h"
 #include "file_operations/file_manager.h"
-#include "foundation/property_list.h"
 #include "platform/extended_attributes.h"
 #include "platform/recursive_remove.h"
 #include "platform/set_aside.h"
 #include "tests/AppMigrator/migrator_fixture.h"
+#include "tests/helpers/refusing_remove.h"
 
 namespace pallion::test {
 
@@ -30,104 +30,60 @@ Dictionary status(const char* name) {
 
 // What becomes of the old container and of the result, for every way in which a container can end.
 TEST_F(Container, EndsAsTheDecisionTableSays) {
+  const std::string container = std::string(kApplications) + "/C";
+  const std::string named =
+      "Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : more)";
   struct Row {
     const char* name;
     std::function<void()> make;
     bool result;
     bool remains;
-    std::vector<std::string>
-        errors;  // about the container; "$E" stands for the failed line of the run
+    std::string errors;  // before the one that says that it failed
   };
-  const std::string container = std::string(kApplications) + "/C";
-  const std::string failed = "3 PLAppMigrator: Migration of org.foo at $A/C/Foo.app/ failed";
-  const std::string icon =
-      "3 PLAppMigrator: Failed to create icon from bundle QXBundle $A/C/Foo.app/";
-  const std::vector<Row> rows = {
-      {"everything succeeds", [] {}, true, false, {}},
-      {"placeholder refused",
-       [&] { installer.refusePlaceholders = true; },
-       false,
-       true,
-       {"3 PLAppMigrator: Failed to install placeholder for org.foo: {LocalizedDescription = "
-        "refused}",
-        failed}},
-      {"no record",
-       [&] { installer.knowNoProxy = true; },
-       false,
-       true,
-       {"3 PLAppMigrator: Failed to get bundle proxy for identifier org.foo", failed}},
-      {"no data container",
-       [&] { installer.giveNoDataContainer = true; },
-       false,
-       true,
-       {"3 PLAppMigrator: Failed to get data container URL for org.foo",
-        "3 PLAppMigrator: Proxy had bundle identifier org.foo",
-        "3 PLAppMigrator: Proxy had bundle type App",
-        "3 PLAppMigrator: Proxy had bundle URL (null)",
-        "3 PLAppMigrator: Proxy had bundle container URL (null)",
-        "3 PLAppMigrator: Proxy did not have backing bundle", failed}},
-      {"bundle refused",
-       [&] { installer.refuseBundles = true; },
-       false,
-       false,
-       {"3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused", failed}},
+  const Row rows[] = {
+      {"everything succeeds", [] {}, true, false, ""},
+      {"placeholder refused", [&] { installer.refusePlaceholders = true; }, false, true,
+       "Failed to install placeholder for org.foo: {LocalizedDescription = refused}"},
+      {"no record", [&] { installer.knowNoProxy = true; }, false, true,
+       "Failed to get bundle proxy for identifier org.foo"},
+      {"no data container", [&] { installer.giveNoDataContainer = true; }, false, true,
+       "Failed to get data container URL for org.foo\nProxy had bundle identifier org.foo\n"
+       "Proxy had bundle type App\nProxy had bundle URL (null)\n"
+       "Proxy had bundle container URL (null)\nProxy did not have backing bundle"},
       {"bundle refused with a name",
        [&] {
          installer.refuseBundles = true;
          installer.statuses = {Dictionary(), status("SomeError")};
        },
+       false, false, named + "\nFailed to install file://$A/C/Staging/ : FakeDomain 7: refused"},
+      {"status but success", [&] { installer.statuses = {status("SomeError")}; }, true, false,
+       named},
+      {"payload can't be made", [&] { root.makeFile(container + "/Staging", "in the way"); }, false,
        false,
-       false,
-       {"3 PLAppMigrator: Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : "
-        "more)",
-        "3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused", failed}},
-      {"status but success",
-       [&] { installer.statuses = {status("SomeError")}; },
-       true,
-       false,
-       {"3 PLAppMigrator: Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : "
-        "more)"}},
-      {"payload can't be made",
-       [&] { root.makeFile(container + "/Staging", "in the way"); },
-       false,
-       false,
-       {"3 PLAppMigrator: Failed to create file://$A/C/Staging/Payload/ : POSIX 20: mkpath_np of "
-        "$A/C/Staging/Payload/ failed: Not a directory",
-        failed}},
+       "Failed to create file://$A/C/Staging/Payload/ : POSIX 20: mkpath_np of "
+       "$A/C/Staging/Payload/ failed: Not a directory"},
       {"no groups to be had",
        [&] {
          installer.giveNoGroups = true;
          makeInstallMap({{"g", Value::integer(1)}});
        },
-       false,
-       true,
-       {"3 PLAppMigrator: Failed to get group container URLs for installed org.foo", failed}},
-      {"stray file",
-       [&] { root.makeFile(container + "/stray", "x"); },
-       false,
-       true,
-       {"3 PLAppMigrator: Found missed items in $A/C/ for org.foo: (file://$A/C/stray)", failed}},
-      {"marker name in other case",
-       [&] { root.makeFile(container + "/com.orlix.pallion.Placeholder", "x"); },
-       false,
-       true,
-       {"3 PLAppMigrator: Found missed items in $A/C/ for org.foo: "
-        "(file://$A/C/com.orlix.pallion.Placeholder)",
-        failed}},
+       false, true, "Failed to get group container URLs for installed org.foo"},
+      {"known name but for its case",
+       [&] { root.makeFile(container + "/com.orlix.pallion.Placeholder", "x"); }, false, true,
+       "Found missed items in $A/C/ for org.foo: (file://$A/C/com.orlix.pallion.Placeholder)"},
       {"names that never count",
        [&] {
          root.makeFile(container + "/com.orlix.pallion.migration_marker");
          root.makeFile(container + "/com.orlix.pallion.placeholder");
        },
-       true,
-       false,
-       {}},
+       true, false, ""},
   };
+  const PLFileManager& files = PLFileManager::defaultManager();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    PLFileManager::defaultManager().removeItemAtURL(configuration.oldContainerPath(), nullptr);
-    PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(root / "new"), nullptr);
-    PLFileManager::defaultManager().removeItemAtURL(configuration.oldInstallMapPath(), nullptr);
+    for (const char* path : {kApplications, "new", kInstallMap}) {
+      files.removeItemAtURL(URL::fileURL(root / path), nullptr);
+    }
     installer.installed.clear();
     installer.refusePlaceholders = installer.refuseBundles = installer.knowNoProxy = false;
     installer.giveNoDataContainer = installer.giveNoGroups = false;
@@ -139,12 +95,8 @@ TEST_F(Container, EndsAsTheDecisionTableSays) {
     EXPECT_EQ(exists(inApplications("C")), row.remains);
     // A container that stays keeps its marker.
     EXPECT_EQ(exists(inApplications("C/com.orlix.pallion.container_migrator.plist")), row.remains);
-    std::vector<std::string> errors = lines();
-    std::erase_if(errors, [&](const std::string& line) {
-      return line == icon || line.find("Writing placeholder icon") != std::string::npos ||
-             line.find("Not removing") != std::string::npos || line == kRunFailedLine;
-    });
-    EXPECT_EQ(errors, row.errors);
+    EXPECT_EQ(itemErrors(), row.errors + (row.errors.empty() || row.result ? "" : "\n") +
+                                (row.result ? "" : "Migration of org.foo at $A/C/Foo.app/ failed"));
     // The letter is in the old place or in the new one.
     EXPECT_EQ(readAll(inApplications("C/Documents/letter")) + newLetter("org.foo"), "org.foo");
   }
@@ -202,32 +154,18 @@ TEST_F(Container, AFailedMoveLeavesTheRestAndLaterRunsFinish) {
   makeApplication("C", "org.foo");
   root.makeFile(std::string(kApplications) + "/C/Library/kept", "k");
   root.makeFile(std::string(kApplications) + "/C/tmp/scrap", "s");
-  // A directory in the way that can't be removed: a remover that refuses everything below
-  // "Library".
-  class Refusing : public RecursiveRemove {
-   public:
-    int remove(const char* path, RemovalState& state) override {
-      if (std::string_view(path).ends_with("/org.foo/Library")) return errno = EPERM, -1;
-      return system().remove(path, state);
-    }
-  } refusing;
   root.makeFile("new/data/org.foo/Library/blocking", "b");
-  RecursiveRemove::replace(&refusing);
-  EXPECT_FALSE(run());
-  RecursiveRemove::replace(nullptr);
+  {
+    const RefusingRemove refusing("/org.foo/Library");  // what is in the way stays
+    EXPECT_FALSE(run());
+  }
   EXPECT_EQ(newLetter("org.foo"), "org.foo");
   EXPECT_TRUE(exists(inApplications("C/Library/kept")));
   EXPECT_TRUE(exists(inApplications("C/tmp/scrap")));
   EXPECT_TRUE(
-      logged("3 PLAppMigrator: Failed to move file://$A/C/Library/ to "
-             "file://$R/new/data/org.foo/Library/ migrating "
-             "for org.foo : POSIX 39: rename of file://$A/C/Library/ to "
-             "file://$R/new/data/org.foo/Library/ failed: "
-             "Directory not empty"));
-  hostLog.lines.clear();
+      loggedBeginningWith("3 PLAppMigrator: Failed to move file://$A/C/Library/ to "
+                          "file://$R/new/data/org.foo/Library/ migrating for org.foo : POSIX 39"));
   EXPECT_TRUE(run());
-  EXPECT_TRUE(
-      logged("5 PLAppMigrator: App org.foo is already installed, so not creating placeholder."));
   EXPECT_EQ(readAll(installer.dataContainer("org.foo") + "/Library/kept"), "k");
   EXPECT_EQ(newLetter("org.foo"), "org.foo");
 }
@@ -240,7 +178,7 @@ TEST_F(Container, LeftoversOfInterruptedMovesAreSwept) {
   root.makeFile(std::string(kApplications) + "/C/" + aside + "/half", "removed");
   root.makeFile("old-group/" + aside + "/half", "removed");
   root.makeFile("old-group/shared", "kept");
-  makeInstallMap({{"g", Value::dictionary({{"Container", Value::string(root / "old-group")}})}});
+  makeInstallMap({{"g", groupAt("old-group")}});
   installer.groups["org.foo"] = {"g"};
   installer.refusePlaceholders = true;
   EXPECT_FALSE(run());
@@ -263,16 +201,8 @@ TEST_F(Container, LeftoversThatStayCountAsNothingMissed) {
   const std::string aside = std::string(kSetAsidePrefix) + "01234567-89AB-4CDE-8F01-23456789ABCD";
   makeApplication("C", "org.foo");
   root.makeFile(std::string(kApplications) + "/C/" + aside + "/half");
-  class Refusing : public RecursiveRemove {
-   public:
-    int remove(const char* path, RemovalState& state) override {
-      if (isSetAsideName(URL::fileURL(path).lastPathComponent())) return errno = EPERM, -1;
-      return system().remove(path, state);
-    }
-  } refusing;
-  RecursiveRemove::replace(&refusing);
+  const RefusingRemove refusing(aside);
   EXPECT_TRUE(run());
-  RecursiveRemove::replace(nullptr);
   EXPECT_EQ(newLetter("org.foo"), "org.foo");
 }
 

@@ -7,7 +7,6 @@
 
 #include "AppMigrator/container_info.h"
 #include "file_operations/file_manager.h"
-#include "platform/icon.h"
 #include "platform/tree_copy.h"
 #include "tests/AppMigrator/migrator_fixture.h"
 #include "tests/helpers/leased_file.h"
@@ -35,9 +34,7 @@ class Disturbed : public MigratorFixture {
     hostLog.lines.clear();
   }
 
-  void mapGroupTo(const std::string& path) const {
-    makeInstallMap({{"g", Value::dictionary({{"Container", Value::string(root / path)}})}});
-  }
+  void mapGroupTo(const std::string& path) const { makeInstallMap({{"g", groupAt(path)}}); }
 
   // What is to be moved is in the old place or in the new one, whole.
   void expectNothingLost() const {
@@ -47,13 +44,6 @@ class Disturbed : public MigratorFixture {
                 readAll(root / "new/group/g/shared") == "shared");
     EXPECT_EQ(readAll(root / "groups/file"), "no directory");
     EXPECT_EQ(readAll(root / "elsewhere/canary"), "c");
-  }
-
-  bool loggedBeginningWith(const std::string& prefix) const {
-    for (const std::string& line : lines(false)) {
-      if (line.starts_with(prefix)) return true;
-    }
-    return false;
   }
 };
 
@@ -77,14 +67,6 @@ class Exhausted {
  private:
   __rlimit_resource_t resource_;
   rlimit before_{};
-};
-
-// A renderer that always has a picture.
-class Painter : public IconRenderer {
- public:
-  Painter() { replace(this); }
-  ~Painter() override { replace(nullptr); }
-  std::optional<Image> render(QXBundle&) override { return Image{1, 1, {1, 2, 3, 255}}; }
 };
 
 }  // namespace

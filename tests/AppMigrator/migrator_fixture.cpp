@@ -58,6 +58,10 @@ void MigratorFixture::makeInstallMap(const Dictionary& groupContainers) const {
   writeList(kInstallMap, {{"GroupContainers", Value::dictionary(groupContainers)}});
 }
 
+Value MigratorFixture::groupAt(const std::string& path) const {
+  return Value::dictionary({{"Container", Value::string(root / path)}});
+}
+
 void MigratorFixture::makeHarborMap(const Dictionary& harbors) const {
   writeList(kHarborMap, harbors);
 }
@@ -82,9 +86,28 @@ std::vector<std::string> MigratorFixture::lines(bool errorsOnly) const {
   return out;
 }
 
+std::string MigratorFixture::itemErrors() const {
+  constexpr std::string_view kBeginning = "3 PLAppMigrator: ";
+  std::string all;
+  for (const std::string& line : lines()) {
+    if (line == kRunFailedLine || line.find(" icon ") != std::string::npos ||
+        line.find("Not removing ") != std::string::npos) {
+      continue;
+    }
+    all += (all.empty() ? "" : "\n") +
+           line.substr(line.starts_with(kBeginning) ? kBeginning.size() : 0);
+  }
+  return all;
+}
+
 bool MigratorFixture::logged(const std::string& line) const {
   const std::vector<std::string> all = lines(false);
   return std::find(all.begin(), all.end(), line) != all.end();
+}
+
+bool MigratorFixture::loggedBeginningWith(const std::string& prefix) const {
+  return std::ranges::any_of(lines(false),
+                             [&](const std::string& line) { return line.starts_with(prefix); });
 }
 
 }  // namespace pallion::test

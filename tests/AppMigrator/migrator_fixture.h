@@ -6,6 +6,7 @@
 
 #include "AppMigrator/app_migrator.h"
 #include "configuration/global_configuration.h"
+#include "platform/icon.h"
 #include "tests/helpers/fake_installer.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/temporary_root.h"
@@ -34,6 +35,8 @@ class MigratorFixture : public testing::Test {
   [[nodiscard]] Dictionary markerFor(const std::string& container, const std::string& bundleName,
                                      const std::string& identifier) const;
   void makeInstallMap(const Dictionary& groupContainers) const;
+  // What the install map says of a group container at that path below the root.
+  [[nodiscard]] Value groupAt(const std::string& path) const;
   void makeHarborMap(const Dictionary& harbors) const;
   void writeList(const std::string& relative, const Dictionary& content) const;
 
@@ -45,13 +48,24 @@ class MigratorFixture : public testing::Test {
   // Lines of the host's log with "$A" for the old containers directory and "$R" for the root,
   // "Introspecting" and the like (level 5) left out when `errorsOnly`.
   [[nodiscard]] std::vector<std::string> lines(bool errorsOnly = true) const;
+  // What was said of single items: the messages of the errors, a line each; but for icons.
+  [[nodiscard]] std::string itemErrors() const;
   [[nodiscard]] bool logged(const std::string& line) const;
+  [[nodiscard]] bool loggedBeginningWith(const std::string& prefix) const;
 
   TemporaryRoot root;
   PLGlobalConfiguration configuration;
   RecordedHostLog hostLog;
   RecordedProductLog productLog;
   FakeInstaller installer;
+};
+
+// A renderer that always has a picture, for its lifetime.
+class Painter : public IconRenderer {
+ public:
+  Painter() { replace(this); }
+  ~Painter() override { replace(nullptr); }
+  std::optional<Image> render(QXBundle&) override { return Image{1, 1, {1, 2, 3, 255}}; }
 };
 
 // The last line of every run that failed.
