@@ -234,7 +234,8 @@ TEST(DiskImages, AreLoopDevicesWithTheirPartitionsInOrder) {
     EXPECT_NE(std::find(points.begin(), points.end(), point), points.end());
 
     std::string device;
-    for (const MountedFileSystem& mounted : *MountTable::current().mountedFileSystems()) {
+    const MountedFileSystems table = MountTable::current().mountedFileSystems();
+    for (const MountedFileSystem& mounted : *table) {
       if (mounted.on == point) device = mounted.from;
     }
     // Tells the kernel of partitions, without a table in the image: not every kernel reads tables.

@@ -133,86 +133,63 @@ class Device {
 
 TEST(ForgedContent, CostsItsOwnContainerAtMost) {
   if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root";
+  using D = const Device&;
   struct Case {
     std::string name;
-    std::function<void(const Device& device)> forge;
+    std::function<void(D)> forge;
   };
+  const std::string remainder = ".com.orlix.pallion.moved.F0F0F0F0-0000-4000-8000-000000000000";
+  const std::string groups =
+      "<key>QXApplicationGroups</key><array><string>../../../../mobile/Media</string>"
+      "<string>/private/var/mobile/Media</string></array>";
+  const std::string vast =
+      pngBytes({60000, 60000, 8, 6, "", false, {{"IDAT", zlibBomb(size_t{64} << 20)}}});
+  const std::string text = std::string("Comment\0\0", 9) + zlibBomb(size_t{1} << 30);
+  const std::string unfolding =
+      pngBytes({1, 1, 8, 0, std::string("\0\x80", 2), false, {{"zTXt", text}}});
+  const std::string bundle = kForged + "/Forged.app";
   std::vector<Case> cases = {
-      {"nothing", [](const Device&) {}},
-      {"staging leads out", [](const Device& d) { d.link("Staging", kOutside); }},
-      {"staging leads out by climbing", [](const Device& d) { d.link("Staging", "../../Media"); }},
-      {"staging leads to another container",
-       [](const Device& d) { d.link("Staging", d.others.front()); }},
-      {"payload leads out",
-       [](const Device& d) { d.link("Staging/Payload", kOutside + "/Payload"); }},
-      {"staging is a FIFO", [](const Device& d) { d.fifo("Staging"); }},
-      {"a remainder leads out",
-       [](const Device& d) {
-         d.link(".com.orlix.pallion.moved.F0F0F0F0-0000-4000-8000-000000000000", kOutside);
-       }},
-      {"executable leads out",
-       [](const Device& d) { d.link("Forged.app/Forged", kOutside + "/Forged.app/Forged"); }},
-      {"info plist leads out",
-       [](const Device& d) {
-         d.link("Forged.app/Info.plist", kOutside + "/Forged.app/Info.plist");
-       }},
-      {"info plist is a FIFO", [](const Device& d) { d.fifo("Forged.app/Info.plist"); }},
+      {"nothing", [](D) {}},
+      {"staging leads out by climbing", [](D d) { d.link("Staging", "../../Media"); }},
+      {"staging leads aside", [](D d) { d.link("Staging", d.others.front()); }},
+      {"payload leads out", [](D d) { d.link("Staging/Payload", kOutside + "/Payload"); }},
       {"info plist of 65 MiB",
-       [](const Device& d) { d.info("<!--" + std::string(size_t{65} << 20, ' ') + "-->"); }},
+       [](D d) { d.info("<!--" + std::string(size_t{65} << 20, ' ') + "-->"); }},
       {"info plist of a TiB",
-       [](const Device& d) {
+       [](D d) {
          std::filesystem::resize_file(d.path("Forged.app/Info.plist"), uintmax_t{1} << 40);
        }},
-      {"group climbs",
-       [](const Device& d) {
-         d.info(
-             "<key>QXApplicationGroups</key><array><string>../../../../mobile/Media</string>"
-             "<string>/private/var/mobile/Media</string></array>");
-       }},
-      {"icon leads out", [](const Device& d) { d.info(entry("QXBundleIconFile", "../../Icon")); }},
-      {"icon is a FIFO", [](const Device& d) { d.fifo("Forged.app/Icon.png"); }},
-      {"icon claims to be vast",
-       [](const Device& d) {
-         d.file("Forged.app/Icon.png",
-                pngBytes({60000, 60000, 8, 6, "", false, {{"IDAT", zlibBomb(size_t{64} << 20)}}}));
-       }},
-      {"icon with texts that unfold",
-       [](const Device& d) {
-         const std::string text = std::string("Comment\0\0", 9) + zlibBomb(size_t{1} << 30);
-         d.file("Forged.app/Icon.png",
-                pngBytes({1, 1, 8, 0, std::string("\0\x80", 2), false, {{"zTXt", text}}}));
-       }},
-      {"marker of the user's directory",
-       [](const Device& d) { d.marker(kMobile, kForged + "/Forged.app"); }},
-      {"marker of what is outside",
-       [](const Device& d) { d.marker(kOutside, kOutside + "/Forged.app"); }},
-      {"marker that climbs",
-       [](const Device& d) { d.marker(kForged + "/../../Media", kForged + "/Forged.app"); }},
-      {"marker with a bundle outside",
-       [](const Device& d) { d.marker(kForged, kOutside + "/Forged.app"); }},
-      {"marker with a bundle that climbs",
-       [](const Device& d) { d.marker(kForged, kForged + "/../../Media/Forged.app"); }},
-      {"marker with another container as its bundle",
-       [](const Device& d) { d.marker(kForged, d.others.front()); }},
-      {"marker with a second bundle outside",
-       [](const Device& d) {
-         d.marker(kForged, kForged + "/Forged.app",
-                  entry("SecondBundlePath", kOutside + "/Forged.app"));
+      {"group climbs", [&](D d) { d.info(groups); }},
+      {"icon leads out", [](D d) { d.info(entry("QXBundleIconFile", "../../Icon")); }},
+      {"icon claims to be vast", [&](D d) { d.file("Forged.app/Icon.png", vast); }},
+      {"icon with texts that unfold", [&](D d) { d.file("Forged.app/Icon.png", unfolding); }},
+      {"marker of the user's directory", [&](D d) { d.marker(kMobile, bundle); }},
+      {"marker of what is outside", [](D d) { d.marker(kOutside, kOutside + "/Forged.app"); }},
+      {"marker that climbs", [&](D d) { d.marker(kForged + "/../../Media", bundle); }},
+      {"marker's bundle outside", [](D d) { d.marker(kForged, kOutside + "/Forged.app"); }},
+      {"marker's bundle climbs",
+       [](D d) { d.marker(kForged, kForged + "/../../Media/Forged.app"); }},
+      {"marker's bundle is a container", [](D d) { d.marker(kForged, d.others.front()); }},
+      {"marker's second bundle outside",
+       [&](D d) {
+         d.marker(kForged, bundle, entry("SecondBundlePath", kOutside + "/Forged.app"));
        }},
   };
-  for (const char* name :
-       {"Documents", "Library", "Manifest.plist", "BriscaArtwork", "BriscaMetadata.plist",
-        "GeoJSON", "com.orlix.pallion.container_migrator.plist"}) {
-    const std::string item = name;
-    cases.push_back({item + " leads out", [item](const Device& d) { d.link(item, kOutside); }});
-    cases.push_back({item + " is a FIFO", [item](const Device& d) { d.fifo(item); }});
+  for (const std::string item :
+       {"Staging", "Documents", "Library", "Manifest.plist", "BriscaArtwork",
+        "BriscaMetadata.plist", "GeoJSON", "com.orlix.pallion.container_migrator.plist",
+        "Forged.app/Info.plist", "Forged.app/Forged", "Forged.app/Icon.png", remainder.c_str()}) {
+    const std::string target = item.starts_with("Forged.app") ? kOutside + "/" + item : kOutside;
+    cases.push_back({item + " leads out", [=](D d) { d.link(item, target); }});
+    cases.push_back({item + " is a FIFO", [=](D d) { d.fifo(item); }});
   }
   // Whichever of them comes first in the run.
   for (size_t i = 0; i < kSound; ++i) {
-    cases.push_back({"marker of container " + std::to_string(i),
-                     [i](const Device& d) { d.marker(d.others.at(i), kForged + "/Forged.app"); }});
-    cases.push_back({"marker with the bundle of container " + std::to_string(i),
-                     [i](const Device& d) { d.marker(kForged, d.bundleOf(d.others.at(i))); }});
+    const std::string number = std::to_string(i);
+    cases.push_back(
+        {"marker of container " + number, [=](D d) { d.marker(d.others.at(i), bundle); }});
+    cases.push_back({"marker with the bundle of container " + number,
+                     [=](D d) { d.marker(kForged, d.bundleOf(d.others.at(i))); }});
   }
   for (const Case& each : cases) {
     const Device device;
