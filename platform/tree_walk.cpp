@@ -69,7 +69,7 @@ const TreeWalkEntry* TreeWalk::next() {
 const TreeWalkEntry* TreeWalk::visit(const ItemReference& item, unsigned char type) {
   for (;;) {
     if (type == DT_DIR) {
-      const int descriptor = openat(item.descriptor, item.name, kOpenDirectory);
+      const int descriptor = openDirectory(item.descriptor, item.name);
       if (descriptor >= 0) return visitDirectory(item, descriptor);
     }
     entry_.status = {};
@@ -105,13 +105,14 @@ const TreeWalkEntry* TreeWalk::visitDirectory(const ItemReference& item, int des
 }
 
 bool TreeWalk::beginReading(Level& level) {
-  if (level.reader.isOpen()) return true;
+  const auto listed = [&] { return order_ == Order::kAsStored || readNames(level); };
+  if (level.reader.isOpen()) return listed();
   const bool isTop = levels_.size() == 1;
   const char* name = isTop ? topName_.c_str() : path_.c_str() + path_.rfind('/') + 1;
-  level.reader = DirectoryReader(openat(descriptorAbove(), name, kOpenDirectory));
+  level.reader = DirectoryReader(openDirectory(descriptorAbove(), name));
   ItemStatus now;
   if (!level.reader.isOpen() || !readStatus({level.reader.descriptor()}, now)) return false;
-  if (sameItem(now, level.status)) return true;
+  if (sameItem(now, level.status)) return listed();
   errno = ESTALE;
   return false;
 }
@@ -132,18 +133,36 @@ bool TreeWalk::nextName(Level& level) {
 // Reads what is left of the directory into memory and gives its descriptor up.
 bool TreeWalk::readAhead(Level& level) {
   if (!level.reader.isOpen()) return true;
+  if (!readNames(level)) return false;
+  level.reader.close();
+  return true;
+}
+
+bool TreeWalk::readNames(Level& level) {
   DirectoryReader::Entry entry;
-  while (!level.isRead && level.reader.next(entry)) {
-    level.unread.push_back({entry.name, entry.type});
-  }
-  if (!level.isRead && level.reader.error() != 0) {
+  if (level.isRead) return true;
+  while (level.reader.next(entry)) level.unread.push_back({entry.name, entry.type});
+  if (level.reader.error() != 0) {
     errno = level.reader.error();
     return false;
   }
-  if (!level.isRead) std::reverse(level.unread.begin(), level.unread.end());
+  if (order_ == Order::kByName) {
+    std::sort(level.unread.begin(), level.unread.end(),
+              [](const Name& left, const Name& right) { return right.text < left.text; });
+  } else {
+    std::reverse(level.unread.begin(), level.unread.end());
+  }
   level.isRead = true;
-  level.reader.close();
   return true;
+}
+
+int TreeWalk::openDirectory(int parent, const char* name) const {
+  if (order_ == Order::kByName) {
+    const int descriptor = openat(parent, name, kOpenDirectory | O_NOATIME);
+    // Only the owner and who has the privilege may ask for it.
+    if (descriptor >= 0 || errno != EPERM) return descriptor;
+  }
+  return openat(parent, name, kOpenDirectory);
 }
 
 const TreeWalkEntry* TreeWalk::leave(TreeWalkEntry::Kind kind, int number) {
@@ -158,7 +177,7 @@ bool TreeWalk::reopenAbove() {
   if (levels_.size() < 2) return true;
   Level& above = levels_[levels_.size() - 2];
   if (above.reader.isOpen()) return true;
-  above.reader = DirectoryReader(openat(levels_.back().reader.descriptor(), "..", kOpenDirectory));
+  above.reader = DirectoryReader(openDirectory(levels_.back().reader.descriptor(), ".."));
   ItemStatus found;
   if (!above.reader.isOpen() || !readStatus({above.reader.descriptor()}, found)) return false;
   // The directory below may have been moved: then its ".." is anywhere.

@@ -36,18 +36,24 @@ struct TreeWalkEntry {
   ItemReference item;
 };
 
-// Walks a tree like `fts` with FTS_PHYSICAL, FTS_NOCHDIR and FTS_XDEV, in directory order and
-// without recursion: links are handed out and not followed, directories on other volumes are handed
-// out and not entered. Unlike there, every step is made relative to a directory descriptor, so that
-// a tree that changes meanwhile never leads the walk outside; any depth, any path length, a fixed
-// number of descriptors. Belongs to one call of one thread.
+// Walks a tree like `fts` with FTS_PHYSICAL, FTS_NOCHDIR and FTS_XDEV, without recursion: links are
+// handed out and not followed, directories on other volumes are handed out and not entered. Unlike
+// there, every step is made relative to a directory descriptor, so that a tree that changes
+// meanwhile never leads the walk outside; any depth, any path length, a fixed number of
+// descriptors. Belongs to one call of one thread.
 //
 // Only the deepest few directories keep their descriptor. One that lost it has the names that are
 // still to be visited in memory, is opened again through ".." of the one below, and believed only
 // when it is the same as before; a directory that was moved away ends the walk with ESTALE.
 class TreeWalk {
  public:
+  // kByName: the names of each directory in the order of their bytes, for which all names of the
+  // directories that the walk is inside of are in memory; and access times are left alone where the
+  // caller may ask for that (O_NOATIME).
+  enum class Order { kAsStored, kByName };
+
   TreeWalk() = default;
+  explicit TreeWalk(Order order) : order_(order) {}
   TreeWalk(const TreeWalk&) = delete;
   TreeWalk& operator=(const TreeWalk&) = delete;
 
@@ -77,12 +83,15 @@ class TreeWalk {
   bool beginReading(Level& level);
   bool nextName(Level& level);
   bool readAhead(Level& level);
+  bool readNames(Level& level);
+  [[nodiscard]] int openDirectory(int parent, const char* name) const;
   const TreeWalkEntry* leave(TreeWalkEntry::Kind kind, int number);
   bool reopenAbove();
   const TreeWalkEntry* answer(TreeWalkEntry::Kind kind, const ItemReference& item, int number = 0);
   const TreeWalkEntry* fail(int number);
   [[nodiscard]] int descriptorAbove() const;
 
+  const Order order_ = Order::kAsStored;
   UniqueDescriptor parent_;  // of the top; none for a top that has no name
   std::string topName_;
   bool atTop_ = true;

@@ -1,6 +1,3 @@
-#include <cerrno>
-#include <unistd.h>
-
 #include "platform/registry.h"
 #include "programs/common/console.h"
 #include "programs/common/root_directory.h"
@@ -40,15 +37,7 @@ std::string appsTable(const std::vector<BundleProxy>& applications,
 }  // namespace
 
 int showApps(const Options& options) {
-  // Log lines of a question are no part of the device's history: only `--log` and `-v` show them.
-  int log = STDERR_FILENO;
-  if (!options.logFile.empty() || !options.verbose) {
-    log = openLogFile(options.logFile.empty() ? "/dev/null" : options.logFile);
-  }
-  if (log < 0) {
-    complain("warning: logging to standard error instead of " + options.logFile, errno);
-    log = STDERR_FILENO;
-  }
+  const int log = openLogOfQuestion(options);
   RootDirectory root;
   int error = root.open(options.root);
   if (error == 0) error = root.enter();

@@ -12,4 +12,10 @@ int migrate(const Options& options);
 // Shows what the registry of the root holds. Changes nothing.
 int showApps(const Options& options);
 
+// Writes down what user data the root's old layout holds. Changes nothing in the root.
+int snapshot(const Options& options);
+
+// Holds the user data of the root against such a snapshot.
+int verify(const Options& options);
+
 }  // namespace pallion::host

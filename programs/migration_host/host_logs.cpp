@@ -1,7 +1,9 @@
 #include "programs/migration_host/host_logs.h"
 
 #include <atomic>
+#include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include "platform/log_file.h"
 #include "programs/common/console.h"
@@ -82,6 +84,14 @@ int openLogFile(const std::string& path) {
   // A pipe that is full is waited for; lines are not dropped.
   if (descriptor >= 0) fcntl(descriptor, F_SETFL, O_APPEND);
   return descriptor;
+}
+
+int openLogOfQuestion(const Options& options) {
+  if (options.logFile.empty() && options.verbose) return STDERR_FILENO;
+  const int log = openLogFile(options.logFile.empty() ? "/dev/null" : options.logFile);
+  if (log >= 0) return log;
+  complain("warning: logging to standard error instead of " + options.logFile, errno);
+  return STDERR_FILENO;
 }
 
 HostLogs::HostLogs(const Options& options, int descriptor, ErrorListener* listener)

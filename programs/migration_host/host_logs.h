@@ -23,6 +23,10 @@ class ErrorListener {
 // which stays open until the process ends, or -1 and errno.
 int openLogFile(const std::string& path);
 
+// The same for a command that only looks, whose log lines are no part of the device's history: only
+// `--log` and `-v` show them. Always a descriptor.
+int openLogOfQuestion(const Options& options);
+
 // Both logs of the process while this object lives. A file that can't be written is one line on
 // standard error; it never stops a run.
 class HostLogs {

@@ -35,5 +35,15 @@ int main(int argc, char** argv) {
     return *status;
   }
   const Options& options = std::get<Options>(parsed);
-  return options.command == Command::kApps ? showApps(options) : migrate(options);
+  switch (options.command) {
+    case Command::kApps:
+      return showApps(options);
+    case Command::kSnapshot:
+      return snapshot(options);
+    case Command::kVerify:
+      return verify(options);
+    case Command::kMigrate:
+      break;
+  }
+  return migrate(options);
 }

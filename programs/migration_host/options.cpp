@@ -17,13 +17,18 @@ constexpr const char* kFooter = R"(Examples:
   migration-host --root /mnt/device           migrate an attached device image
   migration-host --root /mnt/device --json    the same, with JSON lines on standard output
   migration-host apps --root /mnt/device      show the applications that are installed there
+  migration-host snapshot --root /mnt/device --out before.snapshot
+  migration-host verify --root /mnt/device --against before.snapshot
+                                              prove that a migration lost no user data
 
 A run that was interrupted is resumed by the next one.
 
 Exit status of migrate:
   0  everything was migrated              2  wrong usage, or the root can't be entered
   1  something was not; see the logs      3  there is no migrator
-  4  another run is at work on this root  128 + N  interrupted by signal N)";
+  4  another run is at work on this root  128 + N  interrupted by signal N
+Of snapshot and verify: 0 all was read, nothing is lost or changed; 1 otherwise; 2 wrong usage, or no
+(whole) snapshot.)";
 
 }  // namespace
 
@@ -49,6 +54,13 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
          "Form of the log lines: text (default) or json")
       ->check(CLI::IsMember({"text", "json"}))
       ->type_name("FORM");
+  CLI::Option* const output =
+      app.add_option("--out", options.output,
+                     "snapshot: file outside the root (default: standard output)")
+          ->type_name("FILE");
+  CLI::Option* const against =
+      app.add_option("--against", options.against, "verify: the snapshot from before")
+          ->type_name("FILE");
   app.add_flag("--json", options.json, "Print JSON on standard output");
   CLI::Option* const verbose = app.add_flag("-v,--verbose", options.verbose, "Log debug lines too");
   app.add_flag("-q,--quiet", options.quiet, "Log errors only; no progress, no table")
@@ -60,8 +72,19 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   app.add_subcommand("migrate", "Migrate every application (what happens without a command)");
   CLI::App* const apps = app.add_subcommand("apps", "Show the installed applications");
 
+  CLI::App* const snapshot =
+      app.add_subcommand("snapshot", "Write down what user data the old layout holds");
+  CLI::App* const verify = app.add_subcommand(
+      "verify", "Compare all user data with a snapshot from before the migration");
+
   try {
     app.parse(argc, argv);
+    if (verify->parsed() != (against->count() > 0)) {
+      throw CLI::ValidationError("verify needs --against, which nothing else takes");
+    }
+    if (output->count() > 0 && !snapshot->parsed()) {
+      throw CLI::ValidationError("only snapshot takes --out");
+    }
   } catch (const CLI::CallForHelp&) {
     // Once it has forgotten the subcommand it prints the help that has the options.
     app.clear();
@@ -75,6 +98,8 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
     return kExitUsage;
   }
   options.command = apps->parsed() ? Command::kApps : Command::kMigrate;
+  if (snapshot->parsed()) options.command = Command::kSnapshot;
+  if (verify->parsed()) options.command = Command::kVerify;
   options.logFormat = jsonLogs ? LogFormat::kJSON : LogFormat::kText;
   return options;
 }
