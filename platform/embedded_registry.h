@@ -80,6 +80,7 @@ class EmbeddedRegistry final : public Registry {
   Outcome takeHarbor(const std::string& source, const std::string& identifier, int containerType);
   Outcome recordHarbor(const HarborRow& row);
   Outcome forgetPendingHarbor(const std::string& uuid);
+  bool addMovedHarbors(std::vector<HarborRow>& rows);
 
   [[nodiscard]] RegistryChange change(const char* function) {
     return {*database_, containers_, removedTrash_, function};

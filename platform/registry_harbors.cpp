@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -140,11 +141,33 @@ Outcome EmbeddedRegistry::forgetPendingHarbor(const std::string& uuid) {
   return forgetting.commit();
 }
 
+// What was moved before the process died has its record only once somebody may write.
+bool EmbeddedRegistry::addMovedHarbors(std::vector<HarborRow>& rows) {
+  std::vector<HarborRow> pending;
+  if (!database_->allPendingHarbors(pending)) return false;
+  for (HarborRow& row : pending) {
+    struct stat status {};
+    if (lstat((containers_.harborDirectory() + "/" + row.uuid).c_str(), &status) != 0) continue;
+    const auto place = std::lower_bound(
+        rows.begin(), rows.end(), row.identifier,
+        [](const HarborRow& other, const std::string& name) { return other.identifier < name; });
+    if (place != rows.end() && place->identifier == row.identifier) {
+      *place = std::move(row);
+    } else {
+      rows.insert(place, std::move(row));
+    }
+  }
+  return true;
+}
+
 std::optional<std::vector<SafeHarborRecord>> EmbeddedRegistry::allSafeHarbors(Error* error) {
   const std::lock_guard guard(mutex_);
   Outcome failed = open();
   std::vector<HarborRow> rows;
-  if (!failed && database_ && !database_->allHarbors(rows)) failed = database_->failure();
+  if (!failed && database_ &&
+      !(database_->allHarbors(rows) && (access_ == Access::kReadWrite || addMovedHarbors(rows)))) {
+    failed = database_->failure();
+  }
   if (failed) {
     LogWrite(kLogError, "-[Registry allSafeHarbors:]", "%s", failed->text());
     if (error) *error = failed->error();

@@ -12,12 +12,17 @@ namespace {
 
 // Who asked for JSON lines gets the summary also when the rest of the command line can't be
 // understood.
-bool asksForSummary(int argc, char** argv) {
+std::string summaryOfWrongUsage(int argc, char** argv) {
   const auto has = [&](std::string_view word) {
     return std::any_of(argv + 1, argv + argc,
                        [word](const char* argument) { return word == argument; });
   };
-  return has("--json") && !has("apps");
+  if (!has("--json") || has("apps")) return {};
+  if (!has("snapshot") && !has("verify")) {
+    return pallion::host::summaryJSON({}, pallion::kExitUsage);
+  }
+  return "{\"version\":1,\"type\":\"summary\",\"exitStatus\":" +
+         std::to_string(pallion::kExitUsage) + "}\n";
 }
 
 }  // namespace
@@ -31,7 +36,7 @@ int main(int argc, char** argv) {
   umask(022);
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) {
-    if (*status == kExitUsage && asksForSummary(argc, argv)) print(summaryJSON({}, kExitUsage));
+    if (*status == kExitUsage) print(summaryOfWrongUsage(argc, argv));
     return *status;
   }
   const Options& options = std::get<Options>(parsed);

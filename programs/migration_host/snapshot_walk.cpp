@@ -12,6 +12,8 @@ namespace pallion::host {
 
 namespace {
 
+// So many entries are handed to the threads, and waited for, at a time: each wakes somebody.
+constexpr size_t kBatch = 16;
 constexpr auto kTickInterval = std::chrono::milliseconds(200);
 
 // Each entry that waits for its content holds a descriptor.
@@ -53,11 +55,17 @@ SnapshotWalk::~SnapshotWalk() {
 }
 
 const SnapshotWalk::Found* SnapshotWalk::next() {
-  while (window_.size() < windowSize_ && advance()) {
+  if (window_.size() <= windowSize_ / 2) {
+    while (window_.size() < windowSize_ && advance()) {
+    }
+    handOver();
+    tick_(bytesRead());
   }
-  tick_(bytesRead());
   if (window_.empty()) return nullptr;
-  await(*window_.front());
+  if (!isDone(*window_.front())) {
+    await(*window_[std::min(window_.size() - 1, kBatch)]);
+    await(*window_.front());
+  }
   handedOut_ = std::move(window_.front());
   window_.pop_front();
   recogniseLink(*handedOut_);
@@ -149,11 +157,22 @@ void SnapshotWalk::readLater(const TreeWalkEntry& entry, Slot& slot) {
   }
   if (!isFile && entry.item.name) slot.name = entry.item.name;
   slot.isDone = false;
+  batch_.push_back(&slot);
+  if (batch_.size() >= kBatch) handOver();
+}
+
+void SnapshotWalk::handOver() {
   {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back(&slot);
+    waiting_.insert(waiting_.end(), batch_.begin(), batch_.end());
   }
-  hasWork_.notify_one();
+  batch_.clear();
+  hasWork_.notify_all();
+}
+
+bool SnapshotWalk::isDone(const Slot& slot) {
+  const std::lock_guard lock(mutex_);
+  return slot.isDone;
 }
 
 void SnapshotWalk::await(const Slot& slot) {

@@ -87,18 +87,27 @@ TEST_F(RegistryRecovery, ARunThatWasKilledAnywhereEndsLikeAnUndisturbedOne) {
     const TreeSnapshot undisturbed = newLayout();
     ASSERT_TRUE(undisturbed.count("Containers/Bundle/bundle of com.a/V.vpnplugin/Run"));
     int kills = 0;
+    int unreadable = 0;
     for (bool killed = true; killed; ++kills) {
       SCOPED_TRACE("killed at change " + std::to_string(kills + 1));
       for (const char* part : {"private", "old", "harbor", "tmp"})
         std::filesystem::remove_all(root_ / part);
       makeOld();
       killed = isKilled(kills + 1, [this] { run(); });
+      // Who only reads finds the harbor before anything is mended, but for a database that has to be
+      // mended first.
+      const auto harbors =
+          Registry::atRoot(root_.url(), Registry::Access::kReadOnly)->allSafeHarbors(nullptr);
+      unreadable += !harbors;
+      ASSERT_TRUE(exists(root_ / "harbor") || !harbors ||
+                  (!harbors->empty() && exists(harbors->front().path)));
       reopen();
       ASSERT_TRUE(run());
       ASSERT_EQ(difference(undisturbed, newLayout()), "");
       ASSERT_FALSE(exists(root_ / "harbor") || exists(root_ / "old/Staging"));
     }
     EXPECT_GT(kills, 100);
+    EXPECT_LT(unreadable, 10);
     registry_->close();
   }));
 }

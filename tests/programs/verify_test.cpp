@@ -116,7 +116,7 @@ TEST_F(Verify, NamesWhateverIsLostOrChanged) {
          scratch / "directory"});
     const std::vector<Json> lines = verify(copy, snapshot_);
     EXPECT_EQ(lines.back().at("exitStatus"), 1);
-    ASSERT_EQ(lines.size(), 2U) << lines[0] << lines[1];
+    ASSERT_EQ(lines.size(), 2U) << Json(lines);
     EXPECT_EQ(lines[0].at("what"), damage.what);
     const bool isUTF8 = std::string_view(damage.name) != "caf\xE9.txt";
     const auto named = lines[0].at(isUTF8 ? "path" : "pathHex").get<std::string>();
