@@ -83,7 +83,7 @@ class SnapshotWalk {
   std::optional<dev_t> topDevice_;
   bool isAtEnd_ = false;
   std::deque<std::unique_ptr<Slot>> window_;  // in order; the first one is handed out next
-  std::vector<Slot*> batch_;  // to be given to the threads
+  std::vector<Slot*> batch_;                  // to be given to the threads
   std::unique_ptr<Slot> handedOut_;
   std::map<std::pair<dev_t, ino_t>, std::string> linked_;  // first path of each file with links
 

@@ -94,8 +94,8 @@ TEST_F(RegistryRecovery, ARunThatWasKilledAnywhereEndsLikeAnUndisturbedOne) {
         std::filesystem::remove_all(root_ / part);
       makeOld();
       killed = isKilled(kills + 1, [this] { run(); });
-      // Who only reads finds the harbor before anything is mended, but for a database that has to be
-      // mended first.
+      // Who only reads finds the harbor before anything is mended, but for a database that has to
+      // be mended first.
       const auto harbors =
           Registry::atRoot(root_.url(), Registry::Access::kReadOnly)->allSafeHarbors(nullptr);
       unreadable += !harbors;
