@@ -45,7 +45,7 @@ int showApps(const Options& options) {
     complain(options.root, error);
     return kExitUsage;
   }
-  const HostLogs logs(options, log, nullptr);
+  const HostLogs logs(options, log, nullptr, nullptr);
   const std::unique_ptr<Registry> registry = Registry::atRoot(URL(), Registry::Access::kReadOnly);
   Error cause;
   const auto applications = registry->allProxies(&cause);

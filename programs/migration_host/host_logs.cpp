@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/log_file.h"
 #include "programs/common/console.h"
@@ -20,10 +21,28 @@ int levelFor(const Options& options) {
   return options.quiet ? kLogError : kLogNotice;
 }
 
-// One of the two logs' way to its file.
+void sendToJournal(const Journal& journal, const LogLine& line, const std::string& container) {
+  const std::string priority = std::to_string(line.level);  // the journal's levels are the same
+  const std::string number = std::to_string(line.line);
+  std::vector<JournalField> fields = {
+      {"MESSAGE", line.message},
+      {"PRIORITY", priority},
+      {"SYSLOG_IDENTIFIER", PALLION_PROGRAM},
+      {"PALLION_LOG", nameOf(line.category ? LogName::kHost : LogName::kProduct)},
+      {"CODE_FUNC", line.function}};
+  if (line.file) fields.insert(fields.end(), {{"CODE_FILE", line.file}, {"CODE_LINE", number}});
+  if (!container.empty()) fields.push_back({"PALLION_CONTAINER", container});
+  journal.send(fields);
+}
+
+// One of the two logs' way to its file and to the journal.
 class LogWriter {
  public:
-  LogWriter(LogFormat format, int descriptor, const char* path) : format_(format) {
+  LogWriter(LogFormat format, int descriptor, const char* path, const Journal* journal,
+            LogListener* listener)
+      : format_(format),
+        journal_(journal && journal->isOpen() ? journal : nullptr),
+        listener_(listener) {
     if (descriptor >= 0) {
       file_ = std::make_unique<LogFile>(descriptor);
     } else {
@@ -32,14 +51,25 @@ class LogWriter {
   }
 
   void write(const LogLine& line) {
+    if (journal_) {
+      sendToJournal(*journal_, line, listener_ ? listener_->containerInHand() : std::string());
+    }
+    tellFile(line);
+    if (listener_ && line.level <= kLogError)
+      listener_->errorLogged(line.category ? LogName::kHost : LogName::kProduct, line.message);
+  }
+
+ private:
+  void tellFile(const LogLine& line) {
     const int error = file_->write(formatLogLine(format_, line));
     if (error == 0 || failed_.exchange(true)) return;
     complain("warning: log lines are lost: " + (file_->path().empty() ? "log" : file_->path()),
              error);
   }
 
- private:
   const LogFormat format_;
+  const Journal* const journal_;
+  LogListener* const listener_;
   std::unique_ptr<LogFile> file_;
   std::atomic<bool> failed_{false};
 };
@@ -48,8 +78,10 @@ class LogWriter {
 
 class HostLogs::ProductHandle : public LogHandle {
  public:
-  ProductHandle(const Options& options, int descriptor)
-      : LogHandle(levelFor(options)), writer_(options.logFormat, descriptor, kProductLog) {}
+  ProductHandle(const Options& options, int descriptor, const Journal* journal,
+                LogListener* listener)
+      : LogHandle(levelFor(options)),
+        writer_(options.logFormat, descriptor, kProductLog, journal, listener) {}
   void write(int level, std::string_view function, std::string_view message) override {
     writer_.write({currentTime(), level, nullptr, nullptr, 0, function, message});
   }
@@ -60,22 +92,21 @@ class HostLogs::ProductHandle : public LogHandle {
 
 class HostLogs::HostSink : public MigrationLogSink {
  public:
-  HostSink(const Options& options, int descriptor, ErrorListener* listener)
+  HostSink(const Options& options, int descriptor, const Journal* journal, LogListener* listener)
       : level_(levelFor(options)),
-        listener_(listener),
-        writer_(options.logFormat, descriptor, kHostLog) {}
+        writer_(options.logFormat, descriptor, kHostLog, journal, listener) {}
   [[nodiscard]] int level() const override { return level_; }
   void write(const MigrationLogRecord& record) override {
     writer_.write({currentTime(), record.level, record.category, record.file, record.line,
                    record.function, record.message});
-    if (listener_ && record.level <= kLogError) listener_->errorLogged(record.message);
   }
 
  private:
   const int level_;
-  ErrorListener* const listener_;
   LogWriter writer_;
 };
+
+const char* nameOf(LogName log) { return log == LogName::kHost ? "host" : "product"; }
 
 int openLogFile(const std::string& path) {
   // O_NONBLOCK: a FIFO without a reader fails at once (ENXIO) instead of waiting for one.
@@ -94,9 +125,10 @@ int openLogOfQuestion(const Options& options) {
   return STDERR_FILENO;
 }
 
-HostLogs::HostLogs(const Options& options, int descriptor, ErrorListener* listener)
-    : product_(std::make_unique<ProductHandle>(options, descriptor)),
-      host_(std::make_unique<HostSink>(options, descriptor, listener)) {
+HostLogs::HostLogs(const Options& options, int descriptor, const Journal* journal,
+                   LogListener* listener)
+    : product_(std::make_unique<ProductHandle>(options, descriptor, journal, listener)),
+      host_(std::make_unique<HostSink>(options, descriptor, journal, listener)) {
   gLogHandle = product_.get();
   MigrationLogSink::replace(host_.get());
 }

@@ -3,20 +3,29 @@
 #include <memory>
 #include <string>
 
+#include "platform/journal.h"
 #include "platform/migration_log.h"
 #include "platform/product_log.h"
 #include "programs/migration_host/options.h"
 
 namespace pallion::host {
 
-// Hears what the migrator logs as an error (level 3).
-class ErrorListener {
+enum class LogName { kHost, kProduct };
+
+// "host" or "product".
+const char* nameOf(LogName log);
+
+// Hears what is logged as an error (level 3), on the thread that logs, and knows what the lines are
+// about.
+class LogListener {
  public:
-  ErrorListener() = default;
-  ErrorListener(const ErrorListener&) = delete;
-  ErrorListener& operator=(const ErrorListener&) = delete;
-  virtual ~ErrorListener() = default;
-  virtual void errorLogged(std::string_view message) = 0;
+  LogListener() = default;
+  LogListener(const LogListener&) = delete;
+  LogListener& operator=(const LogListener&) = delete;
+  virtual ~LogListener() = default;
+  virtual void errorLogged(LogName log, std::string_view message) = 0;
+  // The identifier of the container in hand; empty for none.
+  virtual std::string containerInHand() = 0;
 };
 
 // Opens the file of `--log` for both logs; to be done before the root changes. The descriptor,
@@ -32,8 +41,8 @@ int openLogOfQuestion(const Options& options);
 class HostLogs {
  public:
   // `descriptor` gets the lines of both logs; for -1 they go to the two files inside the root.
-  // `listener` may be null.
-  HostLogs(const Options& options, int descriptor, ErrorListener* listener);
+  // `journal` gets every line besides. Journal and listener may be null.
+  HostLogs(const Options& options, int descriptor, const Journal* journal, LogListener* listener);
   HostLogs(const HostLogs&) = delete;
   HostLogs& operator=(const HostLogs&) = delete;
   ~HostLogs();

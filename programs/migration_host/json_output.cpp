@@ -22,6 +22,18 @@ Json path(const std::optional<URL>& url) {
   return url ? text(url->fileSystemRepresentation()) : Json();
 }
 
+// To the millisecond.
+Json rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
+
+template <class T>
+Json roundedOrNull(const std::optional<T>& value) {
+  return value ? rounded(*value) : Json();
+}
+
+Json textOrNull(const std::string& bytes) { return bytes.empty() ? Json() : text(bytes); }
+
+Json recordOf(const char* type) { return {{"version", 1}, {"type", type}}; }
+
 Json containerEntry(const ContainerRecord& container) {
   return {{"identifier", text(container.identifier)},
           {"path", text(container.path)},
@@ -50,22 +62,54 @@ Json applicationEntry(const BundleProxy& application) {
 
 }  // namespace
 
-std::string containerJSON(const ContainerRecord& container) {
-  Json line = {{"type", "container"}};
+std::string itemJSON(const ContainerRecord& container) {
+  Json line = recordOf("item");
   line.update(containerEntry(container));
-  line["reason"] = container.reason.empty() ? Json() : text(container.reason);
+  line["reason"] = textOrNull(container.reason);
+  line["step"] = container.steps.empty() ? Json() : text(container.steps.back().name);
+  line["steps"] = Json::array();
+  for (const StepRecord& step : container.steps)
+    line["steps"].push_back({{"name", text(step.name)}, {"seconds", rounded(step.seconds)}});
+  line["entries"] = container.entries;
+  line["bytes"] = container.bytes;
+  line["seconds"] = rounded(container.seconds);
+  return line.dump() + "\n";
+}
+
+std::string progressJSON(const ProgressMoment& moment) {
+  const ProgressSample& sample = moment.sample;
+  Json line = recordOf("progress");
+  line["progress"] =
+      moment.progress < 0 ? Json() : Json(std::round(moment.progress * 10000) / 10000);
+  line["identifier"] = textOrNull(sample.identifier);
+  line["step"] = textOrNull(sample.step);
+  line["finished"] = sample.finished;
+  line["failed"] = sample.failed;
+  line["bytes"] = sample.bytes;
+  line["bytesPerSecond"] = roundedOrNull(moment.bytesPerSecond);
+  line["itemsPerSecond"] = rounded(moment.itemsPerSecond);
+  line["seconds"] = rounded(sample.seconds);
+  line["secondsLeft"] = roundedOrNull(moment.secondsLeft);
+  return line.dump() + "\n";
+}
+
+std::string errorJSON(const char* log, std::string_view message, const std::string* container) {
+  Json line = recordOf("error");
+  line["log"] = log;
+  line["message"] = text(message);
+  line["container"] = container ? text(*container) : Json();
   return line.dump() + "\n";
 }
 
 std::string summaryJSON(const RunRecord& record, int exitStatus) {
-  Json line = {{"type", "summary"}, {"exitStatus", exitStatus}};
+  Json line = recordOf("summary");
+  line["exitStatus"] = exitStatus;
   line["dataClassName"] = record.dataClassName ? text(*record.dataClassName) : Json();
   line["estimatedDuration"] = orNull(record.estimatedDuration);
   line["items"] = record.containers.size();
   line["result"] = orNull(record.result);
   line["progress"] = orNull(record.progress);
-  // To the millisecond.
-  line["seconds"] = record.seconds ? Json(std::round(*record.seconds * 1000) / 1000) : Json();
+  line["seconds"] = roundedOrNull(record.seconds);
   line["containers"] = Json::array();
   for (const ContainerRecord& container : record.containers) {
     line["containers"].push_back(containerEntry(container));

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <csignal>
+#include <string_view>
 #include <sys/stat.h>
 
 #include "programs/common/console.h"
@@ -10,19 +11,28 @@
 
 namespace {
 
-// Who asked for JSON lines gets the summary also when the rest of the command line can't be
+// Who asked for JSON gets the summary also when the rest of the command line can't be
 // understood.
 std::string summaryOfWrongUsage(int argc, char** argv) {
   const auto has = [&](std::string_view word) {
     return std::any_of(argv + 1, argv + argc,
                        [word](const char* argument) { return word == argument; });
   };
-  if (!has("--json") || has("apps")) return {};
+  if (!has("--json")) return {};
   if (!has("snapshot") && !has("verify")) {
     return pallion::host::summaryJSON({}, pallion::kExitUsage);
   }
   return "{\"version\":1,\"type\":\"summary\",\"exitStatus\":" +
          std::to_string(pallion::kExitUsage) + "}\n";
+}
+
+// Of no command's business until there is something to tell (ProgressDisplay); other threads
+// inherit that it is blocked.
+void blockStatusSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 }  // namespace
@@ -33,6 +43,7 @@ int main(int argc, char** argv) {
   openStandardDescriptors();
   // Whoever reads our output may go away; that must not end a run.
   std::signal(SIGPIPE, SIG_IGN);
+  blockStatusSignal();
   umask(022);
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) {
@@ -41,8 +52,12 @@ int main(int argc, char** argv) {
   }
   const Options& options = std::get<Options>(parsed);
   switch (options.command) {
-    case Command::kApps:
-      return showApps(options);
+    case Command::kApps: {
+      const int status = showApps(options);
+      // The document is all that standard output gets, but where there is none.
+      if (options.json && status != kExitSuccess) print(summaryJSON({}, status));
+      return status;
+    }
     case Command::kSnapshot:
       return snapshot(options);
     case Command::kVerify:

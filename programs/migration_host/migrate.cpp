@@ -1,7 +1,10 @@
 #include <cerrno>
 #include <chrono>
-#include <optional>
+#include <cstdlib>
+#include <unistd.h>
+#include <utility>
 
+#include "platform/journal.h"
 #include "platform/registry.h"
 #include "platform/service_transactions.h"
 #include "programs/common/console.h"
@@ -12,7 +15,9 @@
 #include "programs/migration_host/interrupt_watch.h"
 #include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
+#include "programs/migration_host/progress_views.h"
 #include "programs/migration_host/run_report.h"
+#include "programs/migration_host/service_notifier.h"
 
 namespace pallion::host {
 
@@ -20,7 +25,27 @@ namespace {
 
 constexpr std::chrono::seconds kLongestTransaction(30);
 
-int runMigrator(const PluginModule& module, RunReport& report, bool showProgress) {
+// To be called before the root changes.
+ProgressViews viewsFor(const Options& options, RunReport& report, const ServiceNotifier& notifier) {
+  ProgressViews views;
+  ProgressMode mode = options.progress;
+  if (mode == ProgressMode::kAuto || (mode == ProgressMode::kBar && !canShowBar()))
+    mode = canShowBar() ? ProgressMode::kBar : ProgressMode::kLines;
+  if (mode == ProgressMode::kJSON && options.json) {
+    views.push_back(recordsView(report));
+  } else if (options.quiet) {
+    // Standard error is for errors.
+  } else if (mode == ProgressMode::kJSON) {
+    views.push_back(recordsView(STDERR_FILENO));
+  } else if (mode != ProgressMode::kNone) {
+    views.push_back(mode == ProgressMode::kBar ? barView() : linesView());
+  }
+  if (options.statusDescriptor >= 0) views.push_back(recordsView(options.statusDescriptor));
+  if (notifier.isOpen()) views.push_back(serviceView(notifier));
+  return views;
+}
+
+int runMigrator(const PluginModule& module, RunReport& report, ProgressViews views) {
   report.began();
   const Plugin plugin = module.makePlugin();
   if (!plugin) {
@@ -32,20 +57,22 @@ int runMigrator(const PluginModule& module, RunReport& report, bool showProgress
   plugin->setObserver(&report);
   bool result = false;
   {
-    std::optional<ProgressDisplay> display;
-    if (showProgress) display.emplace(*plugin, report);
+    const ProgressDisplay display(*plugin, report, std::move(views));
     result = plugin->performMigration();
   }
   report.ended(result, plugin->migrationProgress());
   return result ? kExitSuccess : kExitFailure;
 }
 
-int run(const Options& options, RunReport& report) {
+int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
   // All that stands outside the root comes before the root changes.
   const int log = options.logFile.empty() ? -1 : openLogFile(options.logFile);
   if (log < 0 && !options.logFile.empty()) {
     complain("warning: using the logs inside the root instead of " + options.logFile, errno);
   }
+  openStatus();
+  const Journal journal(kJournalSocket);
+  ProgressViews views = viewsFor(options, report, notifier);
   RootDirectory root;
   int error = root.open(options.root);
   if (error == 0) error = root.lock();
@@ -69,9 +96,12 @@ int run(const Options& options, RunReport& report) {
     return kExitUsage;
   }
 
-  const HostLogs logs(options, log, &report);
-  const InterruptWatch watch([&report](int exitStatus) { report.finishInterrupted(exitStatus); });
-  const int status = runMigrator(module, report, !options.quiet && canShowProgress());
+  const HostLogs logs(options, log, &journal, &report);
+  const InterruptWatch watch([&](int exitStatus) {
+    report.finishInterrupted(exitStatus);
+    notifier.ended(exitStatus);
+  });
+  const int status = runMigrator(module, report, std::move(views));
   // What runs inside an open transaction ends before the process does; not for ever, though.
   ServiceTransactions::waitUntilIdle(kLongestTransaction);
   // Before the lock goes, so that the next run finds the registry at rest.
@@ -85,8 +115,10 @@ int migrate(const Options& options) {
   ReportForm form = options.quiet ? ReportForm::kNone : ReportForm::kTable;
   if (options.json) form = ReportForm::kJSON;
   RunReport report(form);
-  const int status = run(options, report);
+  ServiceNotifier notifier(std::getenv("NOTIFY_SOCKET"));
+  const int status = run(options, report, notifier);
   report.finish(status);
+  notifier.ended(status);
   return status;
 }
 

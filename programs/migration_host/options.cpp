@@ -1,6 +1,7 @@
 #include "programs/migration_host/options.h"
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
 
 #include "programs/common/console.h"
 #include "programs/migration_host/exit_status.h"
@@ -21,7 +22,7 @@ constexpr const char* kFooter = R"(Examples:
   migration-host verify --root /mnt/device --against before.snapshot
                                               prove that a migration lost no user data
 
-A run that was interrupted is resumed by the next one.
+A run that was interrupted is resumed by the next one. SIGUSR1 asks a run how far it is.
 
 Exit status of migrate:
   0  everything was migrated              2  wrong usage, or the root can't be entered
@@ -29,6 +30,21 @@ Exit status of migrate:
   4  another run is at work on this root  128 + N  interrupted by signal N
 Of snapshot and verify: 0 all was read, nothing is lost or changed; 1 otherwise; 2 wrong usage, or no
 (whole) snapshot.)";
+
+const std::map<std::string, ProgressMode> kProgressModes = {{"auto", ProgressMode::kAuto},
+                                                            {"bar", ProgressMode::kBar},
+                                                            {"lines", ProgressMode::kLines},
+                                                            {"json", ProgressMode::kJSON},
+                                                            {"none", ProgressMode::kNone}};
+
+// Why a word names no descriptor that the program was given for writing; empty when it does.
+std::string refusedDescriptor(const std::string& word) {
+  int number = -1;
+  const bool isNumber = CLI::detail::lexical_cast(word, number) && number >= 0;
+  const int flags = isNumber ? fcntl(number, F_GETFL) : -1;
+  if (flags < 0) return word + " is no open descriptor";
+  return (flags & O_ACCMODE) == O_RDONLY ? word + " is not open for writing" : std::string();
+}
 
 }  // namespace
 
@@ -63,8 +79,19 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
           ->type_name("FILE");
   app.add_flag("--json", options.json, "Print JSON on standard output");
   CLI::Option* const verbose = app.add_flag("-v,--verbose", options.verbose, "Log debug lines too");
-  app.add_flag("-q,--quiet", options.quiet, "Log errors only; no progress, no table")
+  app.add_flag("-q,--quiet", options.quiet,
+               "Log errors only; no progress on standard error, no table")
       ->excludes(verbose);
+  app.add_option_function<std::string>(
+         "--progress", [&](const std::string& name) { options.progress = kProgressModes.at(name); },
+         "How far it is, on standard error: auto (default; a bar on a terminal, else lines), bar, "
+         "lines, json or none")
+      ->check(CLI::IsMember({"auto", "bar", "lines", "json", "none"}))
+      ->type_name("MODE");
+  app.add_option("--status-fd", options.statusDescriptor,
+                 "Descriptor that gets a line of JSON with every change of the progress")
+      ->check(refusedDescriptor)
+      ->type_name("N");
 
   // Options may stand behind the subcommand: what it does not know goes to the program.
   app.require_subcommand(0, 1);

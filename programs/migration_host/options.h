@@ -7,6 +7,7 @@
 
 namespace pallion::host {
 
+enum class ProgressMode { kAuto, kBar, kLines, kJSON, kNone };
 enum class Command { kMigrate, kApps, kSnapshot, kVerify };
 
 struct Options {
@@ -20,6 +21,8 @@ struct Options {
   bool json = false;
   bool verbose = false;
   bool quiet = false;
+  ProgressMode progress = ProgressMode::kAuto;
+  int statusDescriptor = -1;  // open and writable; -1 for none
 };
 
 // What the command line asks for, or the status with which the program ends at once: help and

@@ -50,12 +50,17 @@ void RunReport::itemFinished(bool result) {
   // What decides a failure comes last but for the plug-in's own word that the item failed.
   const size_t errors = errorsInHand_.size();
   if (errors != 0) inHand_.reason = errorsInHand_[result || errors == 1 ? 0 : errors - 2];
-  if (form_ == ReportForm::kJSON) print(containerJSON(inHand_));
+  if (form_ == ReportForm::kJSON) print(itemJSON(inHand_));
+  if (!result) ++failed_;
   record_.containers.push_back(std::move(inHand_));
 }
 
-void RunReport::errorLogged(std::string_view message) {
+void RunReport::errorLogged(LogName log, std::string_view message) {
   const std::lock_guard lock(mutex_);
+  if (form_ == ReportForm::kJSON)
+    print(errorJSON(nameOf(log), message, hasInHand_ ? &inHand_.identifier : nullptr));
+  // The host's log has the words for people; the product's has the same causes in more detail.
+  if (log == LogName::kProduct) return;
   if (!hasInHand_) {
     record_.otherProblems.emplace_back(message);
   } else {
@@ -81,10 +86,29 @@ void RunReport::ended(bool result, float progress) {
   record_.progress = progress;
 }
 
-RunReport::Moment RunReport::moment() {
+std::string RunReport::containerInHand() {
   const std::lock_guard lock(mutex_);
-  return {hasInHand_ ? inHand_.identifier : std::string(), record_.containers.size(),
-          secondsSinceBegin()};
+  return hasInHand_ ? inHand_.identifier : std::string();
+}
+
+ProgressSample RunReport::sample() {
+  ProgressSample sample;
+  sample.bytes = TreeCopy::current().bytesCopied();
+  const std::lock_guard lock(mutex_);
+  sample.estimatedDuration = static_cast<double>(record_.estimatedDuration.value_or(0));
+  sample.seconds = secondsSinceBegin();
+  sample.finished = record_.containers.size();
+  sample.failed = failed_;
+  if (hasInHand_) {
+    sample.identifier = inHand_.identifier;
+    if (!inHand_.steps.empty()) sample.step = inHand_.steps.back().name;
+  }
+  return sample;
+}
+
+void RunReport::tell(const std::string& line) {
+  const std::lock_guard lock(mutex_);
+  if (form_ == ReportForm::kJSON) print(line);
 }
 
 std::string RunReport::firstProblem() {

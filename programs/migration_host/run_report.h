@@ -8,6 +8,7 @@
 
 #include "platform/migration_plugin.h"
 #include "programs/migration_host/host_logs.h"
+#include "programs/migration_host/progress_moment.h"
 #include "programs/migration_host/run_record.h"
 
 namespace pallion::host {
@@ -15,9 +16,9 @@ namespace pallion::host {
 enum class ReportForm { kNone, kTable, kJSON };
 
 // Collects what happens in a run and tells it on standard output: as JSON a line with every
-// container, at the end the summary or the table. The run's thread feeds it; the progress display
-// and the end by a signal ask it from their own.
-class RunReport : public MigrationObserver, public ErrorListener {
+// container and every error, at the end the summary or the table. The run's thread feeds it; the
+// progress display and the end by a signal ask it from their own.
+class RunReport : public MigrationObserver, public LogListener {
  public:
   explicit RunReport(ReportForm form) : form_(form) {}
 
@@ -25,22 +26,21 @@ class RunReport : public MigrationObserver, public ErrorListener {
   void stepStarted(std::string_view step) override;
   void entryMoved(std::string_view name) override;
   void itemFinished(bool result) override;
-  void errorLogged(std::string_view message) override;
+  void errorLogged(LogName log, std::string_view message) override;
+  std::string containerInHand() override;
 
   // The migrator is about to be made; the clock starts.
   void began();
   void described(const std::string& dataClassName, float estimatedDuration);
   void ended(bool result, float progress);
 
-  struct Moment {
-    std::string identifier;  // of the container in hand, or empty
-    size_t finished = 0;     // containers
-    double seconds = 0;
-  };
-  [[nodiscard]] Moment moment();
+  // All of it but what the plug-in tells.
+  [[nodiscard]] ProgressSample sample();
   // The first error that was logged outside any container, or empty.
   [[nodiscard]] std::string firstProblem();
 
+  // A line of JSON among the others; nothing for another form.
+  void tell(const std::string& line);
   // The last words on standard output.
   void finish(int exitStatus);
   // The same for a process that is about to end in the midst of a run: never waits long, and
@@ -56,6 +56,7 @@ class RunReport : public MigrationObserver, public ErrorListener {
   RunRecord record_;
   ContainerRecord inHand_;
   std::vector<std::string> errorsInHand_;
+  size_t failed_ = 0;  // containers
   bool hasInHand_ = false;
   // When the container in hand and its step were begun, in seconds of the run, and what had been
   // copied by then.

@@ -137,7 +137,7 @@ int run(const Options& options, SnapshotTotals& totals) {
   OwnerView owners;
   const int entered = enterForReading(options.root, owners);
   if (entered != kExitSuccess) return entered;
-  const HostLogs logs(options, log, nullptr);
+  const HostLogs logs(options, log, nullptr, nullptr);
 
   Taking taking(options, writer);
   error = taking.take(owners);

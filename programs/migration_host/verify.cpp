@@ -156,7 +156,7 @@ int run(const Options& options, Outcome& outcome) {
   OwnerView owners;
   const int entered = enterForReading(options.root, owners);
   if (entered != kExitSuccess) return entered;
-  const HostLogs logs(options, log, nullptr);
+  const HostLogs logs(options, log, nullptr, nullptr);
   return Verification(options, snapshot.get(), outcome).verify(owners);
 }
 

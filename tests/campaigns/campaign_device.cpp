@@ -93,8 +93,9 @@ void CampaignDevice::reset() {
 }
 
 GatedProcess::Outcome CampaignDevice::migrate(const GatedProcess::Gate& gate) const {
-  return GatedProcess::run({programPath("migration-host"), "--root", root_, "--log", log_}, gate,
-                           log_);
+  return GatedProcess::run(
+      {programPath("migration-host"), "--root", root_, "--log", log_, "--progress=none"}, gate,
+      log_);
 }
 
 GatedProcess::Outcome CampaignDevice::migrateUndisturbed() const {

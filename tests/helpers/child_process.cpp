@@ -81,6 +81,8 @@ ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.termin
     dup2(childOutput, STDOUT_FILENO);
     if (setup.output == Output::kClosed) close(STDOUT_FILENO);
     dup2(childErrors, STDERR_FILENO);
+    if (setup.third == 3) fcntl(3, F_SETFD, 0);
+    if (setup.third >= 0) dup2(setup.third, 3);
     if (setup.user &&
         (setgroups(0, nullptr) != 0 || setresgid(*setup.user, *setup.user, *setup.user) != 0 ||
          setresuid(*setup.user, *setup.user, *setup.user) != 0)) {
@@ -103,6 +105,13 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::signal(int number) const { kill(process_, number); }
+
+void ChildProcess::resizeTerminal(unsigned short columns) const {
+  winsize size{};
+  size.ws_col = columns;
+  size.ws_row = 24;
+  checked(ioctl(errors_, TIOCSWINSZ, &size), "TIOCSWINSZ");
+}
 
 ProcessOutcome ChildProcess::wait() {
   ProcessOutcome outcome;

@@ -22,8 +22,9 @@ class ChildProcess {
     std::vector<std::string> environment;  // "NAME=value", added to ours
     Output output = Output::kCaptured;     // what standard output is
     unsigned short terminalColumns = 0;  // other than 0: standard error is a terminal of that width
-    std::optional<uid_t> user{};         // runs as that user and group, without privileges
-    int ignoredSignal = 0;               // 0 for none
+    int third = -1;  // an open descriptor that becomes the program's descriptor 3; -1 for none
+    std::optional<uid_t> user{};  // runs as that user and group, without privileges
+    int ignoredSignal = 0;        // 0 for none
   };
 
   explicit ChildProcess(const Setup& setup);
@@ -33,6 +34,8 @@ class ChildProcess {
   ~ChildProcess();
 
   void signal(int number) const;
+  // Gives the terminal another width.
+  void resizeTerminal(unsigned short columns) const;
   // Waits for the end. To be called once.
   ProcessOutcome wait();
 

@@ -2,70 +2,18 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <regex>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/registry.h"
-#include "tests/helpers/child_process.h"
 #include "tests/helpers/temporary_root.h"
+#include "tests/programs/host_process.h"
 
 namespace pallion::test {
 namespace {
-
-using Json = nlohmann::json;
-using Words = std::vector<std::string>;
-
-const std::string kBinaries = PALLION_BINARY_DIR;
-const std::string kFakePlugin = kBinaries + "/lib/fake-plugin.so";
-const std::string kHostLog = "private/var/mobile/Library/Logs/Shiftwell/migration.log";
-const std::string kProductLog = "private/var/mobile/Library/Logs/Pallion/pallion.log";
-
-// migration-host on a root with the fake plug-in, which does what `script` says.
-ChildProcess::Setup setupFor(const TemporaryRoot& root, const std::string& script,
-                             const Words& more = {}) {
-  root.makeFile("fake-migration", script);
-  ChildProcess::Setup setup;
-  setup.arguments = {kBinaries + "/bin/migration-host", "--root", root.path(), "--plugin",
-                     kFakePlugin};
-  // The leak check looks into /proc, which such a root does not have.
-  setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-  setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
-  return setup;
-}
-
-ProcessOutcome run(const TemporaryRoot& root, const std::string& script, const Words& more = {}) {
-  return runProcess(setupFor(root, script, more));
-}
-
-Words lines(const std::string& text) {
-  Words all;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) all.push_back(line);
-  return all;
-}
-
-// The last line of a --json run; the lines before have to be JSON too.
-Json summaryOf(const ProcessOutcome& outcome) {
-  Json last;
-  for (const std::string& line : lines(outcome.out)) {
-    last = Json::parse(line, nullptr, false);
-    EXPECT_FALSE(last.is_discarded()) << line;
-  }
-  EXPECT_EQ(last.value("type", ""), "summary") << outcome.out;
-  EXPECT_EQ(last.value("exitStatus", -1), outcome.status);
-  return last;
-}
-
-bool waitUntil(const std::function<bool()>& condition) {
-  for (int i = 0; i < 1000 && !condition(); ++i) usleep(10000);
-  return condition();
-}
 
 TEST(MigrationHost, EndsWithTheStatusAndOneLineThatNamesTheCause) {
   const TemporaryRoot outside;
@@ -209,7 +157,9 @@ TEST(MigrationHost, TellsWhatBecameOfEveryContainer) {
   Json summary = summaryOf(run(root, script, {"--json"}));
   EXPECT_TRUE(summary.at("seconds").is_number());
   summary.erase("seconds");
-  EXPECT_EQ(summary, Json::parse(R"({"type": "summary", "exitStatus": 1, "dataClassName": "Fake",
+  EXPECT_EQ(
+      summary,
+      Json::parse(R"({"version": 1, "type": "summary", "exitStatus": 1, "dataClassName": "Fake",
     "estimatedDuration": 22.25, "items": 2, "result": false, "progress": 0.75, "containers": [
       {"identifier": "com.example.good", "path": "/private/a", "result": true},
       {"identifier": "com.\\xFF\u001b[2J", "path": "/private/b\nc", "result": false}]})"));
@@ -281,36 +231,6 @@ TEST(MigrationHostLogs, ThatCannotBeWrittenAreOneWarningAndStopNoRun) {
                              "migration-host: warning: log lines are lost: /" + kProductLog +
                              ": No such device or address\n");
   EXPECT_EQ(readAll(victim), "mine");
-}
-
-TEST(MigrationHostProgress, IsABarThatNeverGoesBackOrBeyondTheEnd) {
-  const TemporaryRoot root;
-  ChildProcess::Setup setup =
-      setupFor(root, "perform\nstart com.\\x1b[2J\\x9b" + std::string(80, 'n') +
-                         " /a\npause 300\nprogress "
-                         "0.5\npause 300\nfinish true\nprogress 0.25\npause 300\n"
-                         "progress 7\npause 300\nprogress nan\npause 300\n");
-  setup.terminalColumns = 80;
-  setup.environment.insert(setup.environment.end(), {"TERM=xterm", "NO_COLOR="});
-  const ProcessOutcome outcome = runProcess(setup);
-  EXPECT_EQ(outcome.status, 0);
-  std::vector<int> percentages;
-  const std::regex drawn(R"(\r\x1b\[K\[#*-*\] +(\d+)%  \d done [^\r]*)");
-  for (std::sregex_iterator at(outcome.err.begin(), outcome.err.end(), drawn), end; at != end;
-       ++at) {
-    percentages.push_back(std::stoi((*at)[1]));
-    EXPECT_LE((*at)[0].length() - 4, 79) << "the last column stays free";
-  }
-  percentages.erase(std::unique(percentages.begin(), percentages.end()), percentages.end());
-  EXPECT_EQ(percentages, (std::vector<int>{0, 50, 100})) << outcome.err;
-  EXPECT_NE(outcome.err.find("com.\\x1B[2J\\x9B"), std::string::npos) << outcome.err;
-  EXPECT_EQ(std::regex_replace(outcome.err, drawn, ""), "\r\x1b[K") << "nothing else is written";
-
-  setup.arguments.push_back("-q");
-  EXPECT_EQ(runProcess(setup).err, "");
-  setup.arguments.pop_back();
-  setup.environment.back() = "NO_COLOR=1";
-  EXPECT_EQ(runProcess(setup).err, "");
 }
 
 TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
