@@ -1,7 +1,9 @@
 #include "programs/migration_host/options.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <fcntl.h>
+#include <map>
 
 #include "programs/common/console.h"
 #include "programs/migration_host/exit_status.h"
@@ -40,7 +42,8 @@ const std::map<std::string, ProgressMode> kProgressModes = {{"auto", ProgressMod
 // Why a word names no descriptor that the program was given for writing; empty when it does.
 std::string refusedDescriptor(const std::string& word) {
   int number = -1;
-  const bool isNumber = CLI::detail::lexical_cast(word, number) && number >= 0;
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+  const bool isNumber = error == std::errc() && end == word.data() + word.size();
   const int flags = isNumber ? fcntl(number, F_GETFL) : -1;
   if (flags < 0) return word + " is no open descriptor";
   return (flags & O_ACCMODE) == O_RDONLY ? word + " is not open for writing" : std::string();
@@ -86,7 +89,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
          "--progress", [&](const std::string& name) { options.progress = kProgressModes.at(name); },
          "How far it is, on standard error: auto (default; a bar on a terminal, else lines), bar, "
          "lines, json or none")
-      ->check(CLI::IsMember({"auto", "bar", "lines", "json", "none"}))
+      ->check(CLI::IsMember(kProgressModes))
       ->type_name("MODE");
   app.add_option("--status-fd", options.statusDescriptor,
                  "Descriptor that gets a line of JSON with every change of the progress")
