@@ -11,7 +11,7 @@
 namespace pallion::test {
 namespace {
 
-TEST(Journal, GetsFieldsOfAnyBytes) {
+TEST(Journal, GetsFieldsOfAnyBytesAndAnyLength) {
   const TemporaryRoot root;
   const DatagramReceiver receiver(root / "socket");
   const Journal journal((root / "socket").c_str());
@@ -20,13 +20,7 @@ TEST(Journal, GetsFieldsOfAnyBytes) {
   journal.send(std::vector<JournalField>{{"MESSAGE", twoLines}, {"A", ""}, {"B", "=\xff\x1b"}});
   EXPECT_EQ(receiver.receive(), "MESSAGE\n" + std::string("\x0c\x01\0\0\0\0\0\0", 8) + twoLines +
                                     "\nA=\nB==\xff\x1b\n");
-  EXPECT_EQ(receiver.receive(), std::nullopt);
-}
-
-TEST(Journal, GetsLongEntriesAsSealedFiles) {
-  const TemporaryRoot root;
-  const DatagramReceiver receiver(root / "socket");
-  const Journal journal((root / "socket").c_str());
+  // What is too long for a datagram.
   const std::string message(600000, 'm');
   journal.send(std::vector<JournalField>{{"MESSAGE", message}});
   int seals = 0;

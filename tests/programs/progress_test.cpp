@@ -26,12 +26,12 @@ TEST(ProgressMoments, NeverGoBackAndKnowSpeedAndTime) {
                {10, -INFINITY, 9000, 4, 1, 0, 496.5}};
   ProgressTracker tracker;
   for (const auto& step : steps) {
+    SCOPED_TRACE(step.seconds);
     const ProgressMoment moment =
         tracker.next({step.told, 20, step.seconds, step.bytes, step.finished, 0});
-    EXPECT_EQ(moment.progress, step.progress) << step.seconds;
-    EXPECT_DOUBLE_EQ(moment.secondsLeft.value_or(kNone), step.left) << step.seconds;
-    EXPECT_NEAR(moment.bytesPerSecond.value_or(kNone), step.bytesPerSecond, 1) << step.seconds;
-    EXPECT_TRUE(moment.itemsPerSecond >= 0 && moment.itemsPerSecond < 1) << step.seconds;
+    EXPECT_EQ(moment.progress, step.progress);
+    EXPECT_DOUBLE_EQ(moment.secondsLeft.value_or(kNone), step.left);
+    EXPECT_NEAR(moment.bytesPerSecond.value_or(kNone), step.bytesPerSecond, 1);
   }
 }
 
@@ -85,83 +85,82 @@ Words drawings(const std::string& bytes) {
   return all;
 }
 
+bool isMigrating(const TemporaryRoot& root) {
+  return waitUntil([&] { return readAll(root / "calls").ends_with("performMigration\n"); });
+}
+
 TEST(MigrationHostProgress, IsABarThatFollowsTheTerminal) {
   const TemporaryRoot root;
   ChildProcess::Setup setup =
       setupFor(root,
-               "perform\nstart com.\\x1b[2J /a\nstep data\nprogress 0.5\npause 400\nprogress 0.25\n"
-               "pause 800\nfinish true\nprogress 7\npause 300\n",
+               "perform\nstart com.\\x1b[2J /a\nstep data\nprogress 0.5\npause 500\nprogress 0.25\n"
+               "pause 500\nfinish true\nprogress 7\npause 300\n",
                {"--progress=auto"});
   setup.terminalColumns = 80;
   setup.environment.insert(setup.environment.end(), {"TERM=xterm", "NO_COLOR=1"});
   ChildProcess host(setup);
-  usleep(700000);
+  ASSERT_TRUE(isMigrating(root));
+  usleep(300000);
   host.resizeTerminal(30);
   const ProcessOutcome outcome = host.wait();
   EXPECT_EQ(outcome.status, 0);
   const Words drawn = drawings(outcome.err);
-  const auto has = [&](const std::string& text) {
-    return std::any_of(drawn.begin(), drawn.end(),
-                       [&](const std::string& rows) { return rows.find(text) == 0; });
-  };
-  EXPECT_TRUE(has("[################-----------------]  50%  0.0 apps/s  00:00 elapsed  00:2") &&
-              has("50% com.\\x1B[2J: data") && has("100% 1 done"))
-      << outcome.err;
-  EXPECT_FALSE(has("25%")) << outcome.err;
+  for (const char* begin : {"[################-----------------]  50%  0.0 apps/s  00:0",
+                            "50% com.\\x1B[2J: data", "100% 1 done"}) {
+    EXPECT_TRUE(std::any_of(drawn.begin(), drawn.end(),
+                            [&](const std::string& rows) { return rows.starts_with(begin); }))
+        << begin << outcome.err;
+  }
+  EXPECT_EQ(outcome.err.find("25%"), std::string::npos) << outcome.err;
 }
 
 TEST(MigrationHostProgress, TakesTheFormThatSuitsStandardError) {
   const struct {
     const char* name;
     unsigned short columns;
-    Words environment;
+    const char* terminal;
     Words arguments;
     size_t lines;
-  } cases[] = {{"no terminal", 0, {"TERM=xterm"}, {"--progress=auto"}, 3},
-               {"bar without a terminal", 0, {"TERM=xterm"}, {"--progress=bar"}, 2},
-               {"dumb", 80, {"TERM=dumb"}, {"--progress=bar"}, 2},
-               {"lines", 80, {"TERM=xterm"}, {"--progress=lines"}, 2},
-               {"none", 80, {"TERM=xterm"}, {"--progress=none"}, 0},
-               {"quiet", 80, {"TERM=xterm"}, {"--progress=auto", "-q"}, 0}};
+  } cases[] = {{"no terminal", 0, "TERM=xterm", {"--progress=auto"}, 3},
+               {"bar without a terminal", 0, "TERM=xterm", {"--progress=bar"}, 2},
+               {"dumb", 80, "TERM=dumb", {"--progress=bar"}, 2},
+               {"lines", 80, "TERM=xterm", {"--progress=lines"}, 2},
+               {"none", 80, "TERM=xterm", {"--progress=none"}, 0},
+               {"quiet", 80, "TERM=xterm", {"--progress=auto", "-q"}, 0}};
   for (const auto& c : cases) {
     const TemporaryRoot root;
-    ChildProcess::Setup setup = setupFor(
-        root, "perform\nprogress 0.5\npause " + std::string(c.lines == 3 ? "5300\n" : "150\n"),
-        c.arguments);
+    const std::string pause = c.lines == 3 ? "5300\n" : "150\n";
+    ChildProcess::Setup setup =
+        setupFor(root, "perform\nprogress 0.5\npause " + pause, c.arguments);
     setup.terminalColumns = c.columns;
-    setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
-    const Words told = lines(runProcess(setup).err);
-    EXPECT_EQ(told.size(), c.lines) << c.name;
-    for (const std::string& line : told) {
-      EXPECT_TRUE(std::regex_search(line, std::regex("^migration-host: [05]+%, 0 done, ")))
-          << c.name << ": " << line;
-    }
+    setup.environment.insert(setup.environment.end(), c.terminal);
+    const std::string told = runProcess(setup).err;
+    EXPECT_EQ(lines(told).size(), c.lines) << c.name;
+    EXPECT_TRUE(std::regex_match(
+        told, std::regex("(migration-host: [05]+%, 0 done, [^\r\n\x1b]* left\r*\n)*")))
+        << c.name << told;
   }
 }
 
 TEST(MigrationHostProgress, IsToldWheneverASignalAsks) {
-  for (const Words& arguments : {Words{"-q"}, Words{"--json"}}) {
-    const TemporaryRoot root;
-    ChildProcess host(setupFor(
-        root, "perform\nstart com.a /a\nprogress 0.5\npause 600\nfinish true\n", arguments));
-    ASSERT_TRUE(waitUntil([&] { return exists(root / "calls"); }));
-    for (int i = 0; i < 2; ++i) {
-      usleep(200000);
-      host.signal(SIGUSR1);
-    }
-    const ProcessOutcome outcome = host.wait();
-    EXPECT_EQ(outcome.status, 0);
-    const Words told = lines(outcome.err);
-    EXPECT_EQ(told.size(), 2U) << outcome.err;
-    for (const std::string& line : told)
-      EXPECT_TRUE(line.starts_with("migration-host: 50%, 0 done, ") && line.ends_with(", com.a"));
+  const TemporaryRoot root;
+  const std::string script = "perform\nstart com.a /a\nprogress 0.5\npause 1500\nfinish true\n";
+  ChildProcess host(setupFor(root, script, {"-q", "--json"}));
+  ASSERT_TRUE(isMigrating(root));
+  for (int i = 0; i < 2; ++i) {
+    usleep(300000);
+    host.signal(SIGUSR1);
   }
+  const ProcessOutcome outcome = host.wait();
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(std::regex_match(outcome.err,
+                               std::regex("(migration-host: 50%, 0 done, .* left, com\\.a\n){2}")))
+      << outcome.err;
 }
 
 TEST(MigrationHostProgress, GoesToAStatusDescriptorUntilNobodyReads) {
   const std::string script =
-      "perform\nstart com.a\\x0a /a\nprogress 0.5\npause 300\nfinish false\nprogress 1\npause "
-      "200\n";
+      "perform\nstart com.a /a\nprogress 0.5\npause 300\nprogress 0.1\npause 200\nprogress 1\n";
   enum class Reader { kReads, kHasGone, kSleeps };
   for (const Reader reader : {Reader::kReads, Reader::kHasGone, Reader::kSleeps}) {
     const TemporaryRoot root;
@@ -182,18 +181,10 @@ TEST(MigrationHostProgress, GoesToAStatusDescriptorUntilNobodyReads) {
     text.resize(static_cast<size_t>(read(ends[0], text.data(), text.size())));
     close(ends[0]);
     if (reader == Reader::kSleeps) continue;
-    Json last;
-    double before = 0;
-    for (const std::string& line : lines(text)) {
-      last = Json::parse(line, nullptr, false);
-      ASSERT_TRUE(last.is_object()) << line;
-      EXPECT_GE(last.at("progress"), before);
-      before = last.at("progress");
-    }
-    EXPECT_GE(lines(text).size(), 3U);
-    EXPECT_EQ(last.at("progress"), 1);
-    EXPECT_EQ(last.at("failed"), 1);
-    EXPECT_NE(text.find(R"("identifier":"com.a\n")"), std::string::npos) << text;
+    std::vector<double> told;
+    for (const std::string& line : lines(text)) told.push_back(Json::parse(line).at("progress"));
+    EXPECT_TRUE(told.size() >= 2 && std::is_sorted(told.begin(), told.end()) && told.back() == 1)
+        << text;
   }
   for (const char* wrong : {"9", "-1", "x", "99999999999"}) {
     const TemporaryRoot root;
