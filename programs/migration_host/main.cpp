@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
   // Whoever reads our output may go away; that must not end a run.
   std::signal(SIGPIPE, SIG_IGN);
   blockStatusSignal();
+  openStatus();
   umask(022);
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) {

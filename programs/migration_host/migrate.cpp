@@ -70,7 +70,6 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
   if (log < 0 && !options.logFile.empty()) {
     complain("warning: using the logs inside the root instead of " + options.logFile, errno);
   }
-  openStatus();
   const Journal journal(kJournalSocket);
   ProgressViews views = viewsFor(options, report, notifier);
   RootDirectory root;

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "programs/common/console.h"
-#include "programs/migration_host/progress_display.h"
+#include "programs/migration_host/progress_views.h"
 
 namespace pallion::host {
 
@@ -17,10 +17,10 @@ constexpr double kMebibyte = 1024.0 * 1024.0;
 }  // namespace
 
 ReadingProgress::ReadingProgress(bool isSilent, std::optional<uint64_t> total)
-    : isSilent_(isSilent), isRow_(canShowProgress()), total_(total) {}
+    : isSilent_(isSilent), isRow_(canShowBar()), total_(total) {}
 
 ReadingProgress::~ReadingProgress() {
-  if (isRow_ && !isSilent_) showStatus("");
+  if (isRow_ && !isSilent_) showStatus({});
 }
 
 void ReadingProgress::show(uint64_t bytes) {
@@ -40,9 +40,9 @@ void ReadingProgress::show(uint64_t bytes) {
                   static_cast<unsigned long long>(percent));
   }
   if (isRow_) {
-    showStatus(text);
+    showStatus({text});
   } else {
-    complain(text);
+    remark(text);
   }
 }
 
