@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "programs/common/console.h"
+#include "programs/common/option_table.h"
 #include "programs/migration_host/exit_status.h"
 
 namespace pallion::host {
@@ -41,7 +42,8 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   app.add_option("--root", options.root, "Directory that becomes / for the whole run")
       ->type_name("DIR");
   app.add_option("--plugin", options.plugin,
-                 "Migrator's module (default: ../lib/PLAppMigrator.so beside the program)")
+                 "Migrator's module (default: " PALLION_MODULE_DIRECTORY
+                 "/PLAppMigrator.so, seen from the program)")
       ->type_name("FILE");
   app.add_option("--log", options.logFile,
                  "File for the lines of both logs, instead of the logs inside the root")
@@ -77,6 +79,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   CLI::App* const verify = app.add_subcommand(
       "verify", "Compare all user data with a snapshot from before the migration");
 
+  if (printsOptionTable(app, argc, argv)) return kExitSuccess;
   try {
     app.parse(argc, argv);
     if (verify->parsed() != (against->count() > 0)) {

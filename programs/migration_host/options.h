@@ -12,7 +12,7 @@ enum class Command { kMigrate, kApps, kSnapshot, kVerify };
 struct Options {
   Command command = Command::kMigrate;
   std::string root = "/";
-  std::string plugin;   // empty: the module beside the program
+  std::string plugin;   // empty: the one that came with the program
   std::string logFile;  // empty: the logs inside the root
   std::string output;   // of snapshot; empty: standard output
   std::string against;  // the snapshot for verify
