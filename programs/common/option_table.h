@@ -7,7 +7,7 @@
 // manual pages and for the completion of shells. The build asks each program for them with
 // `--print-options`, which stands in no help.
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): the library's
 class App;
 }
 

@@ -74,15 +74,15 @@ std::string zshValue(const OptionRow& row) {
 std::string zshOption(const OptionRow& option) {
   const std::string text =
       "[" + zshQuoted(option.description) + "]" + (option.value.empty() ? "" : zshValue(option));
-  std::string specifications;
+  std::string arguments;
   for (const std::string& name : option.names) {
-    specifications += " \\\n    '";
-    specifications += option.repeats ? "*" : "(" + joined(option.names, " ") + ")";
-    specifications += name;
-    if (!option.value.empty()) specifications += name.starts_with("--") ? "=" : "+";
-    specifications += text + "'";
+    arguments += " \\\n    '";
+    arguments += option.repeats ? "*" : "(" + joined(option.names, " ") + ")";
+    arguments += name;
+    if (!option.value.empty()) arguments += name.starts_with("--") ? "=" : "+";
+    arguments += text + "'";
   }
-  return specifications;
+  return arguments;
 }
 
 std::string zshFunction(const OptionTable& table, const CommandRow& command) {
