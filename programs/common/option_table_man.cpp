@@ -9,10 +9,9 @@ namespace {
 constexpr std::string_view kListBegins = ".Bl -tag -width Ds\n";
 constexpr std::string_view kListEnds = ".El\n";
 
-// A minus that stays one, so that it can be copied to a command line, and no escapes or requests.
+// A minus that stays one, so that it can be copied to a command line, and no escapes.
 std::string escaped(std::string_view text) {
   std::string result;
-  if (text.starts_with('.') || text.starts_with('\'')) result += "\\&";
   for (const char c : text) {
     if (c == '\\') {
       result += "\\e";
@@ -25,18 +24,24 @@ std::string escaped(std::string_view text) {
   return result;
 }
 
-// In lines of a length that the language's checkers don't find fault with.
+// In lines of a length that the language's checkers don't find fault with, none of which is taken
+// for a request.
 std::string wrapped(const std::string& text) {
   constexpr size_t kLine = 78;
   std::string result;
   size_t begin = 0;
+  const auto addLine = [&](size_t end) {
+    if (text[begin] == '.' || text[begin] == '\'') result += "\\&";
+    result += text.substr(begin, end - begin) + "\n";
+  };
   while (text.size() - begin > kLine) {
     const size_t blank = text.rfind(' ', begin + kLine);
     if (blank == std::string::npos || blank <= begin) break;
-    result += text.substr(begin, blank - begin) + "\n";
+    addLine(blank);
     begin = blank + 1;
   }
-  return result + text.substr(begin) + "\n";
+  addLine(text.size());
+  return result;
 }
 
 std::string sentence(const std::string& text) {
