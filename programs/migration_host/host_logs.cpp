@@ -13,7 +13,6 @@ namespace pallion::host {
 namespace {
 
 constexpr const char* kHostLog = "/private/var/mobile/Library/Logs/Shiftwell/migration.log";
-constexpr const char* kProductLog = "/private/var/mobile/Library/Logs/Pallion/pallion.log";
 
 int levelFor(const Options& options) {
   if (options.verbose) return kLogDebug;
@@ -23,11 +22,11 @@ int levelFor(const Options& options) {
 // One of the two logs' way to its file.
 class LogWriter {
  public:
-  LogWriter(LogFormat format, int descriptor, const char* path) : format_(format) {
+  LogWriter(LogFormat format, int descriptor, const std::string& path) : format_(format) {
     if (descriptor >= 0) {
       file_ = std::make_unique<LogFile>(descriptor);
     } else {
-      file_ = std::make_unique<LogFile>(std::string(path));
+      file_ = std::make_unique<LogFile>(path);
     }
   }
 
@@ -48,32 +47,38 @@ class LogWriter {
 
 class HostLogs::ProductHandle : public LogHandle {
  public:
-  ProductHandle(const Options& options, int descriptor)
-      : LogHandle(levelFor(options)), writer_(options.logFormat, descriptor, kProductLog) {}
+  ProductHandle(const Options& options, int descriptor, LineListener* listener)
+      : LogHandle(levelFor(options)),
+        listener_(listener),
+        writer_(options.logFormat, descriptor, std::string(kProductLogFolder) + "pallion.log") {}
   void write(int level, std::string_view function, std::string_view message) override {
-    writer_.write({currentTime(), level, nullptr, nullptr, 0, function, message});
+    const LogLine line{currentTime(), level, nullptr, nullptr, 0, function, message};
+    writer_.write(line);
+    if (listener_) listener_->lineLogged(line);
   }
 
  private:
+  LineListener* const listener_;
   LogWriter writer_;
 };
 
 class HostLogs::HostSink : public MigrationLogSink {
  public:
-  HostSink(const Options& options, int descriptor, ErrorListener* listener)
+  HostSink(const Options& options, int descriptor, LineListener* listener)
       : level_(levelFor(options)),
         listener_(listener),
         writer_(options.logFormat, descriptor, kHostLog) {}
   [[nodiscard]] int level() const override { return level_; }
   void write(const MigrationLogRecord& record) override {
-    writer_.write({currentTime(), record.level, record.category, record.file, record.line,
-                   record.function, record.message});
-    if (listener_ && record.level <= kLogError) listener_->errorLogged(record.message);
+    const LogLine line{currentTime(), record.level,    record.category, record.file,
+                       record.line,   record.function, record.message};
+    writer_.write(line);
+    if (listener_) listener_->lineLogged(line);
   }
 
  private:
   const int level_;
-  ErrorListener* const listener_;
+  LineListener* const listener_;
   LogWriter writer_;
 };
 
@@ -94,8 +99,8 @@ int openLogOfQuestion(const Options& options) {
   return STDERR_FILENO;
 }
 
-HostLogs::HostLogs(const Options& options, int descriptor, ErrorListener* listener)
-    : product_(std::make_unique<ProductHandle>(options, descriptor)),
+HostLogs::HostLogs(const Options& options, int descriptor, LineListener* listener)
+    : product_(std::make_unique<ProductHandle>(options, descriptor, listener)),
       host_(std::make_unique<HostSink>(options, descriptor, listener)) {
   gLogHandle = product_.get();
   MigrationLogSink::replace(host_.get());

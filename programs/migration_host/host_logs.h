@@ -2,21 +2,26 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
+#include "platform/log_line.h"
 #include "platform/migration_log.h"
 #include "platform/product_log.h"
 #include "programs/migration_host/options.h"
 
 namespace pallion::host {
 
-// Hears what the migrator logs as an error (level 3).
-class ErrorListener {
+// The product log's place inside the root; the report of the last run stands beside it.
+inline constexpr std::string_view kProductLogFolder = "/private/var/mobile/Library/Logs/Pallion/";
+
+// Hears every line that is written to one of the logs, on the thread that logs.
+class LineListener {
  public:
-  ErrorListener() = default;
-  ErrorListener(const ErrorListener&) = delete;
-  ErrorListener& operator=(const ErrorListener&) = delete;
-  virtual ~ErrorListener() = default;
-  virtual void errorLogged(std::string_view message) = 0;
+  LineListener() = default;
+  LineListener(const LineListener&) = delete;
+  LineListener& operator=(const LineListener&) = delete;
+  virtual ~LineListener() = default;
+  virtual void lineLogged(const LogLine& line) = 0;
 };
 
 // Opens the file of `--log` for both logs; to be done before the root changes. The descriptor,
@@ -33,7 +38,7 @@ class HostLogs {
  public:
   // `descriptor` gets the lines of both logs; for -1 they go to the two files inside the root.
   // `listener` may be null.
-  HostLogs(const Options& options, int descriptor, ErrorListener* listener);
+  HostLogs(const Options& options, int descriptor, LineListener* listener);
   HostLogs(const HostLogs&) = delete;
   HostLogs& operator=(const HostLogs&) = delete;
   ~HostLogs();

@@ -43,6 +43,8 @@ int main(int argc, char** argv) {
   switch (options.command) {
     case Command::kApps:
       return showApps(options);
+    case Command::kReport:
+      return showReport(options);
     case Command::kSnapshot:
       return snapshot(options);
     case Command::kVerify:

@@ -12,6 +12,7 @@
 #include "programs/migration_host/interrupt_watch.h"
 #include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
+#include "programs/migration_host/report.h"
 #include "programs/migration_host/run_report.h"
 
 namespace pallion::host {
@@ -70,12 +71,21 @@ int run(const Options& options, RunReport& report) {
   }
 
   const HostLogs logs(options, log, &report);
-  const InterruptWatch watch([&report](int exitStatus) { report.finishInterrupted(exitStatus); });
+  // `--log` keeps all that a run has to say out of the root.
+  const auto keepReport = [&](int exitStatus) {
+    const auto snapshot = log < 0 ? report.snapshot() : std::nullopt;
+    if (snapshot) writeReport(*snapshot, options, exitStatus);
+  };
+  const InterruptWatch watch([&](int exitStatus) {
+    keepReport(exitStatus);
+    report.finishInterrupted(exitStatus);
+  });
   const int status = runMigrator(module, report, !options.quiet && canShowProgress());
   // What runs inside an open transaction ends before the process does; not for ever, though.
   ServiceTransactions::waitUntilIdle(kLongestTransaction);
   // Before the lock goes, so that the next run finds the registry at rest.
   closeDefaultRegistry();
+  keepReport(status);
   return status;
 }
 

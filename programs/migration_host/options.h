@@ -7,7 +7,7 @@
 
 namespace pallion::host {
 
-enum class Command { kMigrate, kApps, kSnapshot, kVerify };
+enum class Command { kMigrate, kApps, kReport, kSnapshot, kVerify };
 
 struct Options {
   Command command = Command::kMigrate;

@@ -2,13 +2,16 @@
 
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/migration_plugin.h"
 #include "programs/migration_host/host_logs.h"
+#include "programs/migration_host/run_lines.h"
 #include "programs/migration_host/run_record.h"
+#include "programs/migration_host/run_snapshot.h"
 
 namespace pallion::host {
 
@@ -17,7 +20,7 @@ enum class ReportForm { kNone, kTable, kJSON };
 // Collects what happens in a run and tells it on standard output: as JSON a line with every
 // container, at the end the summary or the table. The run's thread feeds it; the progress display
 // and the end by a signal ask it from their own.
-class RunReport : public MigrationObserver, public ErrorListener {
+class RunReport : public MigrationObserver, public LineListener {
  public:
   explicit RunReport(ReportForm form) : form_(form) {}
 
@@ -25,7 +28,7 @@ class RunReport : public MigrationObserver, public ErrorListener {
   void stepStarted(std::string_view step) override;
   void entryMoved(std::string_view name) override;
   void itemFinished(bool result) override;
-  void errorLogged(std::string_view message) override;
+  void lineLogged(const LogLine& line) override;
 
   // The migrator is about to be made; the clock starts.
   void began();
@@ -41,6 +44,10 @@ class RunReport : public MigrationObserver, public ErrorListener {
   // The first error that was logged outside any container, or empty.
   [[nodiscard]] std::string firstProblem();
 
+  // What there is for the report in files; nothing before `began`. Waits a moment at most, then
+  // there is nothing either: the run's thread may be stuck with standard output.
+  [[nodiscard]] std::optional<RunSnapshot> snapshot();
+
   // The last words on standard output.
   void finish(int exitStatus);
   // The same for a process that is about to end in the midst of a run: never waits long, and
@@ -50,12 +57,14 @@ class RunReport : public MigrationObserver, public ErrorListener {
  private:
   [[nodiscard]] double secondsSinceBegin() const;
   void endStep(double now);
+  bool lockSoon();
 
   const ReportForm form_;
   std::mutex mutex_;
   RunRecord record_;
   ContainerRecord inHand_;
   std::vector<std::string> errorsInHand_;
+  RunLines lines_;
   bool hasInHand_ = false;
   // When the container in hand and its step were begun, in seconds of the run, and what had been
   // copied by then.
@@ -63,6 +72,7 @@ class RunReport : public MigrationObserver, public ErrorListener {
   double stepBegan_ = 0;
   uint64_t bytesBefore_ = 0;
   bool hasBegun_ = false;
+  timespec began_{};
   std::chrono::steady_clock::time_point beginning_;
 };
 
