@@ -73,8 +73,8 @@ int run(const Options& options, RunReport& report) {
   const HostLogs logs(options, log, &report);
   // `--log` keeps all that a run has to say out of the root.
   const auto keepReport = [&](int exitStatus) {
-    const auto snapshot = log < 0 ? report.snapshot() : std::nullopt;
-    if (snapshot) writeReport(*snapshot, options, exitStatus);
+    auto snapshot = log < 0 ? report.snapshot() : std::nullopt;
+    if (snapshot) writeReport(*std::move(snapshot), options, exitStatus);
   };
   const InterruptWatch watch([&](int exitStatus) {
     keepReport(exitStatus);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 #include "programs/common/console.h"
 #include "programs/migration_host/report_files.h"
@@ -46,13 +47,18 @@ std::vector<size_t> slowestContainers(const RunRecord& record) {
   return indices;
 }
 
-void writeReport(const RunSnapshot& run, const Options& options, int exitStatus) {
-  Report report{run, exitStatus, options.root, {}};
+void writeReport(RunSnapshot run, const Options& options, int exitStatus) {
+  Report report{std::move(run), exitStatus, options.root, {}};
   // At the end by a signal the run's thread may be at work in the registry.
-  if (run.record.result) report.icons = containerIcons(run.record);
-  std::string path;
-  const int error = writeReportFiles(reportJSON(report), reportPage(report), path);
-  if (error != 0) complain("warning: there is no report of this run: " + path, error);
+  if (report.run.record.result) report.icons = containerIcons(report.run.record);
+  // One text after the other in memory.
+  ReportFile file = ReportFile::kData;
+  int error = writeReportFile(file, reportJSON(report));
+  if (error == 0) {
+    file = ReportFile::kPage;
+    error = writeReportFile(file, reportPage(report));
+  }
+  if (error != 0) complain("warning: no report of this run: " + reportPath(file), error);
 }
 
 }  // namespace pallion::host

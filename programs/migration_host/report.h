@@ -47,6 +47,6 @@ std::string reportPage(const Report& report);
 
 // Writes both into the product log's folder of the root, which the process has entered. On failure
 // a line on standard error, and nothing else.
-void writeReport(const RunSnapshot& run, const Options& options, int exitStatus);
+void writeReport(RunSnapshot run, const Options& options, int exitStatus);
 
 }  // namespace pallion::host

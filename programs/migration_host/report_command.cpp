@@ -33,9 +33,9 @@ RunRecord recordOf(const Json& report) {
 
 // The last report as it is to be printed. False with one line that says why there is none.
 bool readReport(const Options& options, std::string& text, std::string& explanation) {
-  std::string path;
+  const std::string path = reportPath(ReportFile::kData);
   int error = 0;
-  const std::optional<std::string> bytes = readReportFile(path, &error);
+  const std::optional<std::string> bytes = readReportFile(&error);
   if (!bytes) {
     explanation = options.root + ": no report of a run: " + path + ": " + std::strerror(error);
     return false;

@@ -12,8 +12,10 @@ namespace pallion::host {
 
 namespace {
 
-constexpr const char* kDataName = "migration-report.json";
-constexpr const char* kPageName = "migration-report.html";
+const char* nameOf(ReportFile file) {
+  return file == ReportFile::kData ? "migration-report.json" : "migration-report.html";
+}
+
 // No report is as large: it grows by less than a kilobyte a container.
 constexpr uint64_t kMaximumSize = uint64_t{256} << 20;
 
@@ -39,26 +41,17 @@ int openFolder(UniqueDescriptor& folder) {
 
 }  // namespace
 
-int writeReportFiles(std::string_view json, std::string_view page, std::string& path) {
+std::string reportPath(ReportFile file) { return std::string(kProductLogFolder) + nameOf(file); }
+
+int writeReportFile(ReportFile file, std::string_view bytes) {
   UniqueDescriptor folder;
-  path = kProductLogFolder;
   if (const int error = openFolder(folder)) return error;
-  const struct {
-    const char* name;
-    std::string_view bytes;
-  } files[] = {{kDataName, json}, {kPageName, page}};
-  for (const auto& file : files) {
-    path = std::string(kProductLogFolder) + file.name;
-    const int error =
-        writeFileAtomicallyAt(folder.get(), file.name, file.bytes, Durability::kSynced);
-    if (error != 0) return error;
-  }
-  return 0;
+  return writeFileAtomicallyAt(folder.get(), nameOf(file), bytes, Durability::kSynced);
 }
 
-std::optional<std::string> readReportFile(std::string& path, int* errorNumber) {
-  path = std::string(kProductLogFolder) + kDataName;
-  return readFile(URL::fileURL(path), errorNumber, FileCache::kUse, kMaximumSize);
+std::optional<std::string> readReportFile(int* errorNumber) {
+  const URL file = URL::fileURL(reportPath(ReportFile::kData));
+  return readFile(file, errorNumber, FileCache::kUse, kMaximumSize);
 }
 
 }  // namespace pallion::host

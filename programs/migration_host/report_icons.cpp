@@ -15,8 +15,8 @@ namespace {
 
 constexpr uint32_t kSide = 32;  // pixels
 // A part of what the run took, and what even the shortest may add to itself.
-constexpr double kPartOfRun = 0.03;
-constexpr double kLeastSeconds = 0.2;
+constexpr double kPartOfRun = 0.01;
+constexpr double kLeastSeconds = 0.1;
 
 std::string iconURL(const URL& bundleURL) {
   const std::unique_ptr<QXBundle> bundle = QXBundle::bundleWithURL(bundleURL);

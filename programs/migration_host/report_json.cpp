@@ -67,7 +67,7 @@ void writeContainer(Writer& out, const Report& report, size_t index) {
   out.next().open('{');
   out.key("identifier").text(container.identifier).key("path").text(container.path);
   out.key("outcome").text(outcomeName(outcomeOf(report.run, index)));
-  out.key("reason").textOrNull(container.reason);
+  out.key("reason").textOrNull(shortenedMessage(container.reason));
   out.key("step").textOrNull(container.steps.empty() ? "" : container.steps.back().name);
   out.key("entries").raw(std::to_string(container.entries));
   out.key("bytes").raw(std::to_string(container.bytes));
@@ -81,14 +81,16 @@ void writeContainer(Writer& out, const Report& report, size_t index) {
   out.close('}');
 }
 
-void writeLog(Writer& out, const RunLines& lines) {
+void writeLog(Writer& out, const RunSnapshot& run) {
+  const RunLines& lines = run.lines;
   out.key("log").open('{').key("lines").open('[');
   for (const RunLine& line : lines.lines()) {
     out.next().open('{').key("time").text(timeText(line.time));
     out.key("log").text(line.isOfHost ? "host" : "product");
     out.key("level").raw(std::to_string(line.level));
     out.key("container")
-        .raw(line.container == RunLine::kNoContainer ? "null" : std::to_string(line.container));
+        .raw(line.container < run.record.containers.size() ? std::to_string(line.container)
+                                                           : "null");
     out.key("function").text(lines.function(line)).key("message").text(line.message).close('}');
   }
   out.close(']').key("leftOut").open('{');
@@ -122,11 +124,12 @@ std::string reportJSON(const Report& report) {
   out.close(']').key("slowest").open('[');
   for (const size_t index : slowestContainers(record)) out.raw(std::to_string(index));
   out.close(']').key("otherProblems").open('[');
-  for (const std::string& problem : record.otherProblems) out.text(problem);
+  for (const std::string& problem : record.otherProblems) out.text(shortenedMessage(problem));
   out.close(']');
-  writeLog(out, report.run.lines);
+  writeLog(out, report.run);
   out.close('}');
-  return text + "\n";
+  text += '\n';
+  return text;
 }
 
 }  // namespace pallion::host

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <utility>
+#include <functional>
 
 #include "platform/sha256.h"
-#include "platform/text_escape.h"
+#include "programs/migration_host/page_lines.h"
+#include "programs/migration_host/page_text.h"
 #include "programs/migration_host/report.h"
 #include "programs/migration_host/report_icons.h"
 #include "programs/migration_host/report_page_template.h"
@@ -14,82 +14,7 @@ namespace pallion::host {
 namespace {
 
 constexpr size_t kProblemsShown = 50;
-
-// The one way of a text from outside into the page: as content, or as an attribute in quotes.
-std::string html(std::string_view bytes) {
-  std::string out;
-  for (const char c : terminalText(bytes)) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
-// The same into the data for the script. JSON has "<" in strings only, where it may stand for the
-// end of the script element.
-void appendScriptString(std::string& out, std::string_view bytes) {
-  std::string text;
-  appendJSONString(text, terminalText(bytes));
-  for (const char c : text) {
-    if (c == '<') {
-      out += "\\u003c";
-    } else {
-      out += c;
-    }
-  }
-}
-
-std::string decimal(double value, int digits) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*f", digits, value);
-  return text;
-}
-
-std::string duration(double seconds) {
-  if (seconds < 0.0095) return decimal(seconds * 1000, 1) + " ms";
-  if (seconds < 0.9995) return decimal(seconds * 1000, 0) + " ms";
-  if (seconds < 60) return decimal(seconds, 2) + " s";
-  const auto whole = static_cast<uint64_t>(seconds + 0.5);
-  const std::string minutes = std::to_string(whole / 60 % 60) + " min ";
-  if (whole < 3600) return minutes + std::to_string(whole % 60) + " s";
-  return std::to_string(whole / 3600) + " h " + minutes;
-}
-
-std::string size(uint64_t bytes) {
-  constexpr std::array<const char*, 5> kUnits = {" B", " KiB", " MiB", " GiB", " TiB"};
-  auto value = static_cast<double>(bytes);
-  size_t unit = 0;
-  for (; value >= 1023.95 && unit + 1 < kUnits.size(); ++unit) value /= 1024;
-  return decimal(value, unit == 0 ? 0 : 1) + kUnits[unit];
-}
-
-// With a blank between thousands (U+202F, narrow and not broken).
-std::string grouped(uint64_t value) {
-  std::string digits = std::to_string(value);
-  for (size_t i = digits.size(); i > 3; i -= 3) digits.insert(i - 3, "\u202F");
-  return digits;
-}
-
-std::string counted(uint64_t count, const char* one, const char* many) {
-  return grouped(count) + " " + (count == 1 ? one : many);
-}
+constexpr size_t kPageMaximumSize = 5'000'000;  // bytes, unless the applications alone take more
 
 std::string headline(const Report& report, const ReportTotals& totals) {
   if (!report.run.record.result) {
@@ -124,7 +49,7 @@ std::string problems(const RunRecord& record, const ReportTotals& totals) {
          " outside the applications</summary>\n<ul>\n";
   const size_t shown = std::min(count, kProblemsShown);
   for (size_t i = 0; i < shown; ++i)
-    out += "<li>" + html(withoutSpeaker(record.otherProblems[i])) + "\n";
+    out += "<li>" + html(withoutSpeaker(shortenedMessage(record.otherProblems[i]))) + "\n";
   if (shown < count) out += "<li>" + grouped(count - shown) + " more in the log\n";
   return out + "</ul>\n</details>\n";
 }
@@ -208,7 +133,8 @@ std::string row(const Report& report, size_t index) {
   // Where a migrated one was there is nothing any more.
   if (!migrated) out += " <small>" + html(container.path) + "</small>";
   out += "<td><b>" + name + "</b>";
-  if (!container.reason.empty()) out += "<p>" + html(withoutSpeaker(container.reason)) + "</p>";
+  if (!container.reason.empty())
+    out += "<p>" + html(withoutSpeaker(shortenedMessage(container.reason))) + "</p>";
   out += "<td>" + (container.steps.empty() ? std::string() : html(container.steps.back().name));
   out += "<td>" + std::to_string(container.entries);
   out += "<td data-v=" + std::to_string(container.bytes) + ">" + size(container.bytes);
@@ -217,38 +143,15 @@ std::string row(const Report& report, size_t index) {
   return out;
 }
 
-// {"began": milliseconds since 1970, "functions": [name], "lines": [[milliseconds since then, 1 of
-// the host's log, level, index of the container or null, index of the function, message]]}
-std::string lineData(const RunSnapshot& run) {
-  const auto milliseconds = [](const timespec& time) {
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
-  };
-  const int64_t began = milliseconds(run.began);
-  std::string out = "{\"began\":" + std::to_string(began) + ",\"functions\":[";
-  for (const std::string& function : run.lines.functions()) {
-    if (out.back() != '[') out += ',';
-    appendScriptString(out, function);
+std::string leftOut(const PageLines& lines) {
+  std::string missing;
+  if (lines.errorsLeftOut > 0) missing = counted(lines.errorsLeftOut, "error", "errors");
+  if (lines.noticesLeftOut > 0) {
+    if (!missing.empty()) missing += " and ";
+    missing += counted(lines.noticesLeftOut, "notice", "notices");
   }
-  out += "],\"lines\":[";
-  for (const RunLine& line : run.lines.lines()) {
-    out += out.back() == '[' ? "\n[" : ",\n[";
-    out += std::to_string(milliseconds(line.time) - began) + (line.isOfHost ? ",1," : ",0,") +
-           std::to_string(line.level) + "," +
-           (line.container == RunLine::kNoContainer ? "null" : std::to_string(line.container)) +
-           "," + std::to_string(line.function) + ",";
-    appendScriptString(out, line.message);
-    out += ']';
-  }
-  return out + "]}";
-}
-
-std::string leftOut(const RunLines& lines) {
-  const size_t errors = lines.errorsLeftOut();
-  const size_t notices = lines.noticesLeftOut();
-  if (errors + notices == 0) return "Every line of this run&#39;s log is here.";
-  return "The last " + counted(errors, "error", "errors") + " and " +
-         counted(notices, "other line", "other lines") +
-         " of this run are left out here; the log files have them.";
+  if (missing.empty()) return "Every line of this run&#39;s log is here.";
+  return "The last " + missing + " of this run are left out here; the log files have them.";
 }
 
 // What the Content-Security-Policy calls the text of the template's element `name`.
@@ -266,34 +169,39 @@ std::string sourceHash(std::string_view page, const std::string& name) {
 std::string reportPage(const Report& report) {
   const RunRecord& record = report.run.record;
   const ReportTotals totals = totalsOf(report.run);
-  std::string rows;
-  for (size_t i = 0; i < record.containers.size(); ++i) rows += row(report, i);
   const std::string_view page = kReportPageTemplate;
   const std::string title = headline(report, totals);
-  const std::pair<std::string_view, std::string> values[] = {
-      {"script-hash", sourceHash(page, "script")},
-      {"style-hash", sourceHash(page, "style")},
-      {"state", stateOf(report)},
-      {"title", title + " \u2013 migration report"},
-      {"headline", title},
-      {"subtitle", subtitle(report)},
-      {"problems", problems(record, totals)},
-      {"tiles", tiles(report, totals)},
-      {"slowest", slowest(record)},
-      {"rows", std::move(rows)},
-      {"left-out", leftOut(report.run.lines)},
-      {"lines", lineData(report.run)}};
-  // What is put in is not looked at again.
   std::string out;
+  PageLines lines;
+  const struct {
+    std::string_view name;
+    std::function<void()> append;
+  } parts[] = {
+      {"script-hash", [&] { out += sourceHash(page, "script"); }},
+      {"style-hash", [&] { out += sourceHash(page, "style"); }},
+      {"state", [&] { out += stateOf(report); }},
+      {"title", [&] { out += title + " \u2013 migration report"; }},
+      {"headline", [&] { out += title; }},
+      {"subtitle", [&] { out += subtitle(report); }},
+      {"tiles", [&] { out += tiles(report, totals); }},
+      {"problems", [&] { out += problems(record, totals); }},
+      {"slowest", [&] { out += slowest(record); }},
+      {"rows",
+       [&] {
+         for (size_t i = 0; i < record.containers.size(); ++i) out += row(report, i);
+       }},
+      {"lines", [&] { lines.append(out, report.run, kPageMaximumSize); }},
+      {"left-out", [&] { out += leftOut(lines); }},
+  };
+  // What is put in is not looked at again.
   size_t at = 0;
   for (size_t begin = 0; (begin = page.find("{{", at)) != std::string_view::npos;) {
     const size_t end = page.find("}}", begin);
     const std::string_view name = page.substr(begin + 2, end - begin - 2);
-    const auto* const value =
-        std::find_if(std::begin(values), std::end(values),
-                     [name](const auto& candidate) { return candidate.first == name; });
     out += page.substr(at, begin - at);
-    if (value != std::end(values)) out += value->second;
+    for (const auto& part : parts) {
+      if (part.name == name) part.append();
+    }
     at = end + 2;
   }
   out += page.substr(at);

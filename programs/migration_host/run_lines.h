@@ -22,16 +22,18 @@ struct RunLine {
   int level = 0;          // 3 error, 5 notice, 7 debug
   size_t container = 0;   // index in RunRecord::containers of the one in hand, or kNoContainer
   size_t function = 0;    // number of its name
-  std::string message;    // its first kLongestMessage bytes
+  std::string message;    // shortened
 };
+
+// A message as reports show it: about its first kilobyte. (Some list every file of a container.)
+std::string shortenedMessage(std::string_view message);
 
 // The lines of a run that its report shows, in the order in which they were logged. They have a
 // bound each for errors and for the rest, in bytes, so that a long run's memory and report stay
 // small; what comes once a bound is reached is counted only.
 class RunLines {
  public:
-  static constexpr size_t kLongestMessage = 1024;
-  static constexpr size_t kErrorBytes = size_t{2} << 20;
+  static constexpr size_t kErrorBytes = size_t{4} << 20;
   static constexpr size_t kNoticeBytes = size_t{1} << 20;
 
   void add(const LogLine& line, size_t container);
