@@ -55,12 +55,14 @@ std::string problems(const RunRecord& record, const ReportTotals& totals) {
 }
 
 std::string tiles(const Report& report, const ReportTotals& totals) {
+  std::string failed = grouped(totals.failed);
+  if (totals.failed > 0) failed = "<a href=\"#outcome=failed\">" + failed + "</a>";
   const struct {
     const char* name;
     std::string value;
     bool alarms;
   } all[] = {{"Migrated", grouped(totals.migrated), false},
-             {"Failed", grouped(totals.failed), totals.failed > 0},
+             {"Failed", failed, totals.failed > 0},
              {"Items moved", grouped(totals.entries), false},
              {"Copied across volumes", size(totals.bytes), false},
              {"Time", duration(report.run.record.seconds.value_or(0)), false}};
