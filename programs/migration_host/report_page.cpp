@@ -152,8 +152,8 @@ std::string leftOut(const PageLines& lines) {
     if (!missing.empty()) missing += " and ";
     missing += counted(lines.noticesLeftOut, "notice", "notices");
   }
-  if (missing.empty()) return "Every line of this run&#39;s log is here.";
-  return "The last " + missing + " of this run are left out here; the log files have them.";
+  if (missing.empty()) return "Every line that was logged in this run.";
+  return "The last " + missing + " of this run are left out of this page; the log files have them.";
 }
 
 // What the Content-Security-Policy calls the text of the template's element `name`.
