@@ -1,6 +1,7 @@
 #include "programs/migration_host/page_text.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "platform/text_escape.h"
@@ -58,9 +59,9 @@ std::string duration(double seconds) {
   if (seconds < 0.0095) return decimal(seconds * 1000, 1) + " ms";
   if (seconds < 0.9995) return decimal(seconds * 1000, 0) + " ms";
   if (seconds < 60) return decimal(seconds, 2) + " s";
-  const auto whole = static_cast<uint64_t>(seconds + 0.5);
-  const std::string minutes = std::to_string(whole / 60 % 60) + " min ";
-  if (whole < 3600) return minutes + std::to_string(whole % 60) + " s";
+  const auto whole = std::llround(seconds);
+  const std::string minutes = std::to_string(whole / 60 % 60) + " min";
+  if (whole < 3600) return minutes + " " + std::to_string(whole % 60) + " s";
   return std::to_string(whole / 3600) + " h " + minutes;
 }
 

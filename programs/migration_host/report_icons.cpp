@@ -46,13 +46,14 @@ std::vector<std::string> containerIcons(const RunRecord& record) {
     if (proxy.bundleURL()) bundles.emplace(proxy.bundleIdentifier(), &*proxy.bundleURL());
   }
   size_t room = kIconsMaximumBytes;
-  for (size_t i = 0; i < icons.size() && Clock::now() < end; ++i) {
+  for (size_t i = 0; i < icons.size(); ++i) {
     const auto bundle = bundles.find(record.containers[i].identifier);
     if (bundle == bundles.end()) continue;
     std::string icon = iconURL(*bundle->second);
     if (icon.size() > room) break;
     room -= icon.size();
     icons[i] = std::move(icon);
+    if (Clock::now() >= end) break;
   }
   return icons;
 }
