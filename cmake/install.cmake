@@ -1,5 +1,5 @@
-# What "cmake --install" lays down: bin, lib, lib/cmake/Pallion and include/pallion below the prefix. The folders' names are
-# fixed, not options: programs look for libraries and module in ../lib, so that the whole tree may be moved anywhere.
+# What "cmake --install" lays down below the prefix: programs, libraries and the module in the component "runtime",
+# headers and build descriptions in "development".
 include(CMakePackageConfigHelpers)
 
 set(public_headers
@@ -28,10 +28,24 @@ set(public_headers
   support/value_helpers.h)
 foreach(header ${public_headers})
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION include/pallion/${folder})
+  install(FILES ${header} DESTINATION include/pallion/${folder} COMPONENT development)
 endforeach()
 
-install(TARGETS pallion-platform PLAppMigrator EXPORT PallionTargets LIBRARY DESTINATION lib)
-install(EXPORT PallionTargets NAMESPACE Pallion:: DESTINATION lib/cmake/Pallion)
+install(TARGETS pallion-platform EXPORT PallionTargets
+        LIBRARY DESTINATION ${PALLION_LIBRARY_DIRECTORY} COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS PLAppMigrator EXPORT PallionTargets
+        LIBRARY DESTINATION ${PALLION_MODULE_DIRECTORY} COMPONENT runtime)
+
+set(cmake_directory ${PALLION_LIBRARY_DIRECTORY}/cmake/Pallion)
+install(EXPORT PallionTargets NAMESPACE Pallion:: DESTINATION ${cmake_directory} COMPONENT development)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/PallionConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES cmake/PallionConfig.cmake ${CMAKE_BINARY_DIR}/PallionConfigVersion.cmake DESTINATION lib/cmake/Pallion)
+install(FILES cmake/PallionConfig.cmake ${CMAKE_BINARY_DIR}/PallionConfigVersion.cmake DESTINATION ${cmake_directory}
+        COMPONENT development)
+
+file(RELATIVE_PATH PALLION_PC_TO_PREFIX /${PALLION_LIBRARY_DIRECTORY}/pkgconfig /)
+configure_file(packaging/pallion.pc.in ${CMAKE_BINARY_DIR}/pallion.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/pallion.pc DESTINATION ${PALLION_LIBRARY_DIRECTORY}/pkgconfig COMPONENT development)
+
+set(PALLION_HOST ${CMAKE_INSTALL_PREFIX}/bin/migration-host)
+configure_file(packaging/pallion-migration.service.in ${CMAKE_BINARY_DIR}/pallion-migration.service @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/pallion-migration.service DESTINATION lib/systemd/system COMPONENT runtime)

@@ -246,7 +246,12 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   const UniqueDescriptor directory(
       retriedAfterSignals([&] { return open(parent.fileSystemRepresentation(), kFlags); }));
   if (!directory) return errno;
-  return AtomicWrite(directory.get(), name, bytes, durability, mode).run();
+  return writeFileAtomicallyAt(directory.get(), name, bytes, durability, mode);
+}
+
+int writeFileAtomicallyAt(int directory, const std::string& name, std::string_view bytes,
+                          Durability durability, mode_t mode) {
+  return AtomicWrite(directory, name, bytes, durability, mode).run();
 }
 
 bool isReadFailure(int errorNumber) {

@@ -45,4 +45,8 @@ enum class Durability { kSynced, kNotSynced };
 int writeFileAtomically(const URL& url, std::string_view bytes, Durability durability,
                         mode_t mode = 0644);
 
+// The same for a plain name in an open directory (O_PATH is enough).
+int writeFileAtomicallyAt(int directory, const std::string& name, std::string_view bytes,
+                          Durability durability, mode_t mode = 0644);
+
 }  // namespace pallion

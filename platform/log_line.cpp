@@ -8,17 +8,6 @@ namespace pallion {
 
 namespace {
 
-// RFC 3339 in UTC with microseconds.
-std::string timeText(const timespec& time) {
-  tm parts{};
-  gmtime_r(&time.tv_sec, &parts);
-  char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", parts.tm_year + 1900,
-                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                time.tv_nsec / 1000);
-  return text;
-}
-
 std::string textLine(const LogLine& line) {
   std::string out = timeText(line.time);
   out += " [" + std::to_string(line.level) + "] ";
@@ -62,6 +51,16 @@ std::string jsonLine(const LogLine& line) {
 }
 
 }  // namespace
+
+std::string timeText(const timespec& time) {
+  tm parts{};
+  gmtime_r(&time.tv_sec, &parts);
+  char text[96];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", parts.tm_year + 1900,
+                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+                time.tv_nsec / 1000);
+  return text;
+}
 
 std::string formatLogLine(LogFormat format, const LogLine& line) {
   return format == LogFormat::kJSON ? jsonLine(line) : textLine(line);

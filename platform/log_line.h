@@ -34,4 +34,7 @@ std::string formatLogLine(LogFormat format, const LogLine& line);
 
 timespec currentTime();
 
+// RFC 3339 in UTC with microseconds, as both forms have it.
+std::string timeText(const timespec& time);
+
 }  // namespace pallion

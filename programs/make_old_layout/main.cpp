@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "programs/common/option_table.h"
 #include "programs/make_old_layout/layout_options.h"
 #include "programs/make_old_layout/old_layout.h"
 #include "programs/make_old_layout/places.h"
@@ -67,6 +68,7 @@ int main(int argc, char** argv) {
       "measurements.",
       "make-old-layout");
   describe(app, options);
+  if (pallion::printsOptionTable(app, argc, argv)) return 0;
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& asked) {

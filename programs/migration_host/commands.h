@@ -18,4 +18,7 @@ int snapshot(const Options& options);
 // Holds the user data of the root against such a snapshot.
 int verify(const Options& options);
 
+// Shows the report of the last run over the root. Changes nothing.
+int showReport(const Options& options);
+
 }  // namespace pallion::host

@@ -14,7 +14,6 @@ namespace pallion::host {
 namespace {
 
 constexpr const char* kHostLog = "/private/var/mobile/Library/Logs/Shiftwell/migration.log";
-constexpr const char* kProductLog = "/private/var/mobile/Library/Logs/Pallion/pallion.log";
 
 int levelFor(const Options& options) {
   if (options.verbose) return kLogDebug;
@@ -24,12 +23,11 @@ int levelFor(const Options& options) {
 void sendToJournal(const Journal& journal, const LogLine& line, const std::string& container) {
   const std::string priority = std::to_string(line.level);  // the journal's levels are the same
   const std::string number = std::to_string(line.line);
-  std::vector<JournalField> fields = {
-      {"MESSAGE", line.message},
-      {"PRIORITY", priority},
-      {"SYSLOG_IDENTIFIER", PALLION_PROGRAM},
-      {"PALLION_LOG", nameOf(line.category ? LogName::kHost : LogName::kProduct)},
-      {"CODE_FUNC", line.function}};
+  std::vector<JournalField> fields = {{"MESSAGE", line.message},
+                                      {"PRIORITY", priority},
+                                      {"SYSLOG_IDENTIFIER", PALLION_PROGRAM},
+                                      {"PALLION_LOG", logOf(line)},
+                                      {"CODE_FUNC", line.function}};
   if (line.file) fields.insert(fields.end(), {{"CODE_FILE", line.file}, {"CODE_LINE", number}});
   if (!container.empty()) fields.push_back({"PALLION_CONTAINER", container});
   journal.send(fields);
@@ -38,7 +36,7 @@ void sendToJournal(const Journal& journal, const LogLine& line, const std::strin
 // One of the two logs' way to its file and to the journal.
 class LogWriter {
  public:
-  LogWriter(LogFormat format, int descriptor, const char* path, const Journal* journal,
+  LogWriter(LogFormat format, int descriptor, const std::string& path, const Journal* journal,
             LogListener* listener)
       : format_(format),
         journal_(journal && journal->isOpen() ? journal : nullptr),
@@ -46,7 +44,7 @@ class LogWriter {
     if (descriptor >= 0) {
       file_ = std::make_unique<LogFile>(descriptor);
     } else {
-      file_ = std::make_unique<LogFile>(std::string(path));
+      file_ = std::make_unique<LogFile>(path);
     }
   }
 
@@ -55,8 +53,7 @@ class LogWriter {
       sendToJournal(*journal_, line, listener_ ? listener_->containerInHand() : std::string());
     }
     tellFile(line);
-    if (listener_ && line.level <= kLogError)
-      listener_->errorLogged(line.category ? LogName::kHost : LogName::kProduct, line.message);
+    if (listener_) listener_->lineLogged(line);
   }
 
  private:
@@ -81,7 +78,8 @@ class HostLogs::ProductHandle : public LogHandle {
   ProductHandle(const Options& options, int descriptor, const Journal* journal,
                 LogListener* listener)
       : LogHandle(levelFor(options)),
-        writer_(options.logFormat, descriptor, kProductLog, journal, listener) {}
+        writer_(options.logFormat, descriptor, std::string(kProductLogFolder) + "pallion.log",
+                journal, listener) {}
   void write(int level, std::string_view function, std::string_view message) override {
     writer_.write({currentTime(), level, nullptr, nullptr, 0, function, message});
   }
@@ -106,7 +104,7 @@ class HostLogs::HostSink : public MigrationLogSink {
   LogWriter writer_;
 };
 
-const char* nameOf(LogName log) { return log == LogName::kHost ? "host" : "product"; }
+const char* logOf(const LogLine& line) { return line.category ? "host" : "product"; }
 
 int openLogFile(const std::string& path) {
   // O_NONBLOCK: a FIFO without a reader fails at once (ENXIO) instead of waiting for one.

@@ -2,28 +2,31 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/journal.h"
+#include "platform/log_line.h"
 #include "platform/migration_log.h"
 #include "platform/product_log.h"
 #include "programs/migration_host/options.h"
 
 namespace pallion::host {
 
-enum class LogName { kHost, kProduct };
+// The product log's place inside the root; the report of the last run stands beside it.
+inline constexpr std::string_view kProductLogFolder = "/private/var/mobile/Library/Logs/Pallion/";
 
-// "host" or "product".
-const char* nameOf(LogName log);
+// The log that a line is of: "host" or "product".
+const char* logOf(const LogLine& line);
 
-// Hears what is logged as an error (level 3), on the thread that logs, and knows what the lines are
-// about.
+// Hears every line that is written to one of the logs, on the thread that logs, and knows what the
+// lines are about.
 class LogListener {
  public:
   LogListener() = default;
   LogListener(const LogListener&) = delete;
   LogListener& operator=(const LogListener&) = delete;
   virtual ~LogListener() = default;
-  virtual void errorLogged(LogName log, std::string_view message) = 0;
+  virtual void lineLogged(const LogLine& line) = 0;
   // The identifier of the container in hand; empty for none.
   virtual std::string containerInHand() = 0;
 };

@@ -59,6 +59,8 @@ int main(int argc, char** argv) {
       if (options.json && status != kExitSuccess) print(summaryJSON({}, status));
       return status;
     }
+    case Command::kReport:
+      return showReport(options);
     case Command::kSnapshot:
       return snapshot(options);
     case Command::kVerify:

@@ -16,6 +16,7 @@
 #include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
 #include "programs/migration_host/progress_views.h"
+#include "programs/migration_host/report.h"
 #include "programs/migration_host/run_report.h"
 #include "programs/migration_host/service_notifier.h"
 
@@ -96,7 +97,13 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
   }
 
   const HostLogs logs(options, log, &journal, &report);
+  // `--log` keeps all that a run has to say out of the root.
+  const auto keepReport = [&](int exitStatus) {
+    auto snapshot = log < 0 ? report.snapshot() : std::nullopt;
+    if (snapshot) writeReport(*std::move(snapshot), options, exitStatus);
+  };
   const InterruptWatch watch([&](int exitStatus) {
+    keepReport(exitStatus);
     report.finishInterrupted(exitStatus);
     notifier.ended(exitStatus);
   });
@@ -105,6 +112,7 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
   ServiceTransactions::waitUntilIdle(kLongestTransaction);
   // Before the lock goes, so that the next run finds the registry at rest.
   closeDefaultRegistry();
+  keepReport(status);
   return status;
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "programs/common/console.h"
+#include "programs/common/option_table.h"
 #include "programs/migration_host/exit_status.h"
 
 namespace pallion::host {
@@ -20,11 +21,14 @@ constexpr const char* kFooter = R"(Examples:
   migration-host --root /mnt/device           migrate an attached device image
   migration-host --root /mnt/device --json    the same, with JSON lines on standard output
   migration-host apps --root /mnt/device      show the applications that are installed there
+  migration-host report --root /mnt/device    show the report of the last run there
   migration-host snapshot --root /mnt/device --out before.snapshot
   migration-host verify --root /mnt/device --against before.snapshot
                                               prove that a migration lost no user data
 
-A run that was interrupted is resumed by the next one. SIGUSR1 asks a run how far it is.
+A run that was interrupted is resumed by the next one; SIGUSR1 asks one how far it is. Each run
+leaves a report inside the root, /private/var/mobile/Library/Logs/Pallion/migration-report.html
+(and .json).
 
 Exit status of migrate:
   0  everything was migrated              2  wrong usage, or the root can't be entered
@@ -60,10 +64,11 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   app.add_option("--root", options.root, "Directory that becomes / for the whole run")
       ->type_name("DIR");
   app.add_option("--plugin", options.plugin,
-                 "Migrator's module (default: ../lib/PLAppMigrator.so beside the program)")
+                 "Migrator's module (default: " PALLION_MODULE_DIRECTORY
+                 "/PLAppMigrator.so, seen from the program)")
       ->type_name("FILE");
   app.add_option("--log", options.logFile,
-                 "File for the lines of both logs, instead of the logs inside the root")
+                 "File for the lines of both logs, instead of logs and report inside the root")
       ->check([](const std::string& name) {
         return name == "-" ? "standard output is not for logs" : std::string();
       })
@@ -101,12 +106,14 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   app.fallthrough();
   app.add_subcommand("migrate", "Migrate every application (what happens without a command)");
   CLI::App* const apps = app.add_subcommand("apps", "Show the installed applications");
+  CLI::App* const report = app.add_subcommand("report", "Show the report of the last run");
 
   CLI::App* const snapshot =
       app.add_subcommand("snapshot", "Write down what user data the old layout holds");
   CLI::App* const verify = app.add_subcommand(
       "verify", "Compare all user data with a snapshot from before the migration");
 
+  if (printsOptionTable(app, argc, argv)) return kExitSuccess;
   try {
     app.parse(argc, argv);
     if (verify->parsed() != (against->count() > 0)) {
@@ -128,6 +135,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
     return kExitUsage;
   }
   options.command = apps->parsed() ? Command::kApps : Command::kMigrate;
+  if (report->parsed()) options.command = Command::kReport;
   if (snapshot->parsed()) options.command = Command::kSnapshot;
   if (verify->parsed()) options.command = Command::kVerify;
   options.logFormat = jsonLogs ? LogFormat::kJSON : LogFormat::kText;

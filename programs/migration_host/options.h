@@ -8,12 +8,12 @@
 namespace pallion::host {
 
 enum class ProgressMode { kAuto, kBar, kLines, kJSON, kNone };
-enum class Command { kMigrate, kApps, kSnapshot, kVerify };
+enum class Command { kMigrate, kApps, kReport, kSnapshot, kVerify };
 
 struct Options {
   Command command = Command::kMigrate;
   std::string root = "/";
-  std::string plugin;   // empty: the module beside the program
+  std::string plugin;   // empty: the one that came with the program
   std::string logFile;  // empty: the logs inside the root
   std::string output;   // of snapshot; empty: standard output
   std::string against;  // the snapshot for verify

@@ -8,18 +8,18 @@ namespace pallion::host {
 
 namespace {
 
-std::string modulePathBesideProgram() {
+std::string modulePathFromProgram() {
   char program[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", program, sizeof program);
   std::string directory(program, length > 0 ? static_cast<size_t>(length) : 0);
   directory.erase(directory.rfind('/') == std::string::npos ? 0 : directory.rfind('/'));
-  return directory + "/../lib/PLAppMigrator.so";
+  return directory + "/" PALLION_MODULE_DIRECTORY "/PLAppMigrator.so";
 }
 
 }  // namespace
 
 bool PluginModule::load(const std::string& path, std::string& explanation) {
-  path_ = path.empty() ? modulePathBesideProgram() : path;
+  path_ = path.empty() ? modulePathFromProgram() : path;
   // The loader would look for a name without a slash in the system's library directories.
   if (path_.find('/') == std::string::npos) path_.insert(0, "./");
   // Everything is bound now: nothing can be loaded any more once the root has changed.

@@ -13,8 +13,8 @@ using Plugin = std::unique_ptr<MigrationPluginBase, void (*)(MigrationPluginBase
 // registered with the platform may be in use until then.
 class PluginModule {
  public:
-  // Loads the module, `path` or by default the one beside the program. False with one line of
-  // explanation.
+  // Loads the module, `path` or by default the one that was built or installed with the program.
+  // False with one line of explanation.
   bool load(const std::string& path, std::string& explanation);
   // A new plug-in that has been initialised; null when its `init` answers false.
   [[nodiscard]] Plugin makePlugin() const;

@@ -8,15 +8,10 @@
 
 namespace pallion::host {
 
-namespace {
-
-// Every error of the migrator begins with its name.
 std::string withoutSpeaker(const std::string& message) {
   constexpr std::string_view kSpeaker = "PLAppMigrator: ";
   return message.starts_with(kSpeaker) ? message.substr(kSpeaker.size()) : message;
 }
-
-}  // namespace
 
 std::string runTable(const RunRecord& record) {
   TextTable table;

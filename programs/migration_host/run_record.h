@@ -41,6 +41,9 @@ struct RunRecord {
   std::vector<std::string> otherProblems;
 };
 
+// A message without the migrator's name, with which each of its errors begins.
+std::string withoutSpeaker(const std::string& message);
+
 // Lines for people: one a container (identifier, outcome, reason), one for each other problem, and
 // the totals.
 std::string runTable(const RunRecord& record);

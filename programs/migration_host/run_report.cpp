@@ -55,22 +55,25 @@ void RunReport::itemFinished(bool result) {
   record_.containers.push_back(std::move(inHand_));
 }
 
-void RunReport::errorLogged(LogName log, std::string_view message) {
+void RunReport::lineLogged(const LogLine& line) {
   const std::lock_guard lock(mutex_);
+  lines_.add(line, hasInHand_ ? record_.containers.size() : RunLine::kNoContainer);
+  if (line.level > kLogError) return;
   if (form_ == ReportForm::kJSON)
-    print(errorJSON(nameOf(log), message, hasInHand_ ? &inHand_.identifier : nullptr));
+    print(errorJSON(logOf(line), line.message, hasInHand_ ? &inHand_.identifier : nullptr));
   // The host's log has the words for people; the product's has the same causes in more detail.
-  if (log == LogName::kProduct) return;
+  if (!line.category) return;
   if (!hasInHand_) {
-    record_.otherProblems.emplace_back(message);
+    record_.otherProblems.emplace_back(line.message);
   } else {
-    errorsInHand_.emplace_back(message);
+    errorsInHand_.emplace_back(line.message);
   }
 }
 
 void RunReport::began() {
   const std::lock_guard lock(mutex_);
   hasBegun_ = true;
+  began_ = currentTime();
   beginning_ = std::chrono::steady_clock::now();
 }
 
@@ -118,7 +121,8 @@ std::string RunReport::firstProblem() {
 
 void RunReport::finish(int exitStatus) {
   const std::lock_guard lock(mutex_);
-  if (hasBegun_) record_.seconds = secondsSinceBegin();
+  // The files of the report and these words give the same time.
+  if (hasBegun_ && !record_.seconds) record_.seconds = secondsSinceBegin();
   if (form_ == ReportForm::kJSON) {
     print(summaryJSON(record_, exitStatus));
   } else if (form_ == ReportForm::kTable && record_.result) {
@@ -127,17 +131,35 @@ void RunReport::finish(int exitStatus) {
 }
 
 void RunReport::finishInterrupted(int exitStatus) {
-  if (form_ != ReportForm::kJSON) return;
-  // The run's thread holds the lock for long only where standard output does not take a line; then
-  // there is no telling it anything.
+  if (form_ != ReportForm::kJSON || !lockSoon()) return;
+  record_.seconds = secondsSinceBegin();
+  print(summaryJSON(record_, exitStatus));
+  // The lock is kept.
+}
+
+std::optional<RunSnapshot> RunReport::snapshot() {
+  if (!lockSoon()) return std::nullopt;
+  const std::lock_guard lock(mutex_, std::adopt_lock);
+  if (!hasBegun_) return std::nullopt;
+  const double now = secondsSinceBegin();
+  record_.seconds = now;
+  RunSnapshot taken{record_, lines_, began_, hasInHand_};
+  if (hasInHand_) {
+    ContainerRecord& container = taken.record.containers.emplace_back(inHand_);
+    if (!container.steps.empty()) container.steps.back().seconds = now - stepBegan_;
+    container.seconds = now - itemBegan_;
+    container.bytes = TreeCopy::current().bytesCopied() - bytesBefore_;
+  }
+  return taken;
+}
+
+// The run's thread holds the lock for long only where standard output does not take a line.
+bool RunReport::lockSoon() {
   for (int i = 0; i < 20; ++i) {
-    if (mutex_.try_lock()) {
-      record_.seconds = secondsSinceBegin();
-      print(summaryJSON(record_, exitStatus));
-      return;  // with the lock
-    }
+    if (mutex_.try_lock()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+  return false;
 }
 
 double RunReport::secondsSinceBegin() const {

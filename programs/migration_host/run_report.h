@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,7 +10,9 @@
 #include "platform/migration_plugin.h"
 #include "programs/migration_host/host_logs.h"
 #include "programs/migration_host/progress_moment.h"
+#include "programs/migration_host/run_lines.h"
 #include "programs/migration_host/run_record.h"
+#include "programs/migration_host/run_snapshot.h"
 
 namespace pallion::host {
 
@@ -26,7 +29,7 @@ class RunReport : public MigrationObserver, public LogListener {
   void stepStarted(std::string_view step) override;
   void entryMoved(std::string_view name) override;
   void itemFinished(bool result) override;
-  void errorLogged(LogName log, std::string_view message) override;
+  void lineLogged(const LogLine& line) override;
   std::string containerInHand() override;
 
   // The migrator is about to be made; the clock starts.
@@ -41,6 +44,10 @@ class RunReport : public MigrationObserver, public LogListener {
 
   // A line of JSON among the others; nothing for another form.
   void tell(const std::string& line);
+  // What there is for the report in files; nothing before `began`. Waits a moment at most, then
+  // there is nothing either: the run's thread may be stuck with standard output.
+  [[nodiscard]] std::optional<RunSnapshot> snapshot();
+
   // The last words on standard output.
   void finish(int exitStatus);
   // The same for a process that is about to end in the midst of a run: never waits long, and
@@ -50,6 +57,7 @@ class RunReport : public MigrationObserver, public LogListener {
  private:
   [[nodiscard]] double secondsSinceBegin() const;
   void endStep(double now);
+  bool lockSoon();
 
   const ReportForm form_;
   std::mutex mutex_;
@@ -57,6 +65,7 @@ class RunReport : public MigrationObserver, public LogListener {
   ContainerRecord inHand_;
   std::vector<std::string> errorsInHand_;
   size_t failed_ = 0;  // containers
+  RunLines lines_;
   bool hasInHand_ = false;
   // When the container in hand and its step were begun, in seconds of the run, and what had been
   // copied by then.
@@ -64,6 +73,7 @@ class RunReport : public MigrationObserver, public LogListener {
   double stepBegan_ = 0;
   uint64_t bytesBefore_ = 0;
   bool hasBegun_ = false;
+  timespec began_{};
   std::chrono::steady_clock::time_point beginning_;
 };
 

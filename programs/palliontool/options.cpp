@@ -6,6 +6,7 @@
 
 #include "programs/common/console.h"
 #include "programs/common/exit_status.h"
+#include "programs/common/option_table.h"
 #include "programs/palliontool/commands.h"
 #include "programs/palliontool/whole_number.h"
 
@@ -239,6 +240,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   Options options;
   CLI::App app(kDescription, "palliontool");
   const Parser parser(app, options);
+  if (printsOptionTable(app, argc, argv)) return kExitSuccess;
   try {
     app.parse(words(argc, argv));
   } catch (const CLI::CallForHelp&) {
