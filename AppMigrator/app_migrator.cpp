@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "AppMigrator/harbor_entry.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
 #include "foundation/error.h"
@@ -11,58 +12,75 @@
 
 namespace pallion {
 
+namespace {
+
+constexpr char kInit[] = "-[PLAppMigrator init]";
+
+}  // namespace
+
 PLAppMigrator::PLAppMigrator(const PLGlobalConfiguration& configuration)
     : configuration_(configuration) {}
 
 bool PLAppMigrator::init() {
-  constexpr char kFunction[] = "-[PLAppMigrator init]";
   if (!MigrationPluginBase::init()) return false;
-  const PLFileManager& files = PLFileManager::defaultManager();
-
-  if (const URL containers = configuration_.oldContainerPath();
-      !files.itemDoesNotExistAtURL(containers)) {
-    Error error;
-    std::optional<std::vector<URL>> items =
-        files.urlsForItemsInDirectoryAtURL(containers, true, &error);
-    if (!items) {
-      logError(kFunction, "PLAppMigrator: Failed to get items at %@ : %@", containers, error);
-      return false;
-    }
+  bool nothingButLinks = false;
+  if (!readInventory(nothingButLinks, nullptr)) return false;
+  if (nothingButLinks) {
+    const PLFileManager& files = PLFileManager::defaultManager();
+    const URL containers = configuration_.oldContainerPath();
     const URL installMap = configuration_.oldInstallMapPath();
-    if (!items->empty()) {
-      logNotice(kFunction, "PLAppMigrator: %ld items to migrate", static_cast<long>(items->size()));
-      _itemsToMigrate = std::move(items);
-      int errorNumber = 0;
-      _installMap = readDictionaryFile(installMap, &errorNumber);
-      if (!_installMap && isReadFailure(errorNumber)) {
-        installMapIsUnreadable_ = true;
-        logError(kFunction, "PLAppMigrator: Failed to read old install map at %@ : %s",
-                 installMap.path(), std::strerror(errorNumber));
-      } else if (!_installMap) {
-        logNotice(kFunction, "PLAppMigrator: Old install map not found at %@", installMap.path());
-      } else if (const Value groups = _installMap->get("GroupContainers"); groups.asDictionary()) {
-        _groupContainerMap = *groups.asDictionary();
-      } else {
-        logNotice(kFunction, "PLAppMigrator: No group container map found in install map");
-      }
-    } else {
-      if (!files.removeItemAtURL(containers, nullptr)) {
-        logError(kFunction, "PLAppMigrator: Failed to remove %@", containers.path());
-      }
-      if (!files.removeItemAtURL(installMap, &error)) {
-        logError(kFunction, "PLAppMigrator: Failed to remove %@ : %@", installMap.path(), error);
-      }
+    Error error;
+    if (!files.removeItemAtURL(containers, nullptr)) {
+      logError(kInit, "PLAppMigrator: Failed to remove %@", containers.path());
+    }
+    if (!files.removeItemAtURL(installMap, &error)) {
+      logError(kInit, "PLAppMigrator: Failed to remove %@ : %@", installMap.path(), error);
     }
   }
+  readHarborMap();
+  return true;
+}
 
-  if (const URL harborMap = safeHarborMapURL(); !files.itemDoesNotExistAtURL(harborMap)) {
-    _harborMap = readDictionaryFile(harborMap);
-    if (!_harborMap) {
-      logError(kFunction, "PLAppMigrator: Failed to load existing harbor map from %@",
-               harborMap.path());
-    }
+bool PLAppMigrator::readInventory(bool& nothingButLinks, std::string* problem) {
+  const PLFileManager& files = PLFileManager::defaultManager();
+  const URL containers = configuration_.oldContainerPath();
+  if (files.itemDoesNotExistAtURL(containers)) return true;
+  Error error;
+  std::optional<std::vector<URL>> items =
+      files.urlsForItemsInDirectoryAtURL(containers, true, &error);
+  if (!items) {
+    logError(kInit, "PLAppMigrator: Failed to get items at %@ : %@", containers, error);
+    if (problem) *problem = std::string(error.localizedDescription());
+    return false;
+  }
+  nothingButLinks = items->empty();
+  if (nothingButLinks) return true;
+  const URL installMap = configuration_.oldInstallMapPath();
+  logNotice(kInit, "PLAppMigrator: %ld items to migrate", static_cast<long>(items->size()));
+  _itemsToMigrate = std::move(items);
+  int errorNumber = 0;
+  _installMap = readDictionaryFile(installMap, &errorNumber);
+  if (!_installMap && isReadFailure(errorNumber)) {
+    installMapIsUnreadable_ = true;
+    logError(kInit, "PLAppMigrator: Failed to read old install map at %@ : %s", installMap.path(),
+             std::strerror(errorNumber));
+  } else if (!_installMap) {
+    logNotice(kInit, "PLAppMigrator: Old install map not found at %@", installMap.path());
+  } else if (const Value groups = _installMap->get("GroupContainers"); groups.asDictionary()) {
+    _groupContainerMap = *groups.asDictionary();
+  } else {
+    logNotice(kInit, "PLAppMigrator: No group container map found in install map");
   }
   return true;
+}
+
+void PLAppMigrator::readHarborMap() {
+  const URL harborMap = safeHarborMapURL(configuration_);
+  if (PLFileManager::defaultManager().itemDoesNotExistAtURL(harborMap)) return;
+  _harborMap = readDictionaryFile(harborMap);
+  if (!_harborMap) {
+    logError(kInit, "PLAppMigrator: Failed to load existing harbor map from %@", harborMap.path());
+  }
 }
 
 std::string PLAppMigrator::dataClassName() { return "PLAppMigrator"; }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "AppMigrator/container_verdict.h"
 #include "configuration/global_configuration.h"
 #include "file_operations/pending_moves.h"
 #include "foundation/url.h"
@@ -37,11 +38,22 @@ class PLAppMigrator : public MigrationPluginBase {
   float estimatedDuration() override;
   // Items dealt with as a fraction of the inventory; 0.5 without an inventory.
   float migrationProgress() override;
+  // What a run would do, with the keys of plan_keys.h. Needs no `init`, leaves a migrator that had
+  // one as it is, and changes nothing on disk.
+  std::optional<Dictionary> migrationPlan() override;
   // True when every container, every safe harbor and the data-protection update succeeded and
   // nothing is left behind.
   bool performMigration() override;
 
  private:
+  friend class MigrationPlanner;
+
+  // The two halves of `init` that only read. The inventory: false when there is none because the
+  // old containers directory can't be listed; `nothingButLinks` becomes true for a directory
+  // without an item to migrate.
+  bool readInventory(bool& nothingButLinks, std::string* problem);
+  void readHarborMap();
+
   // migration_run.cpp
   bool migrateContainers();
   bool removeOldLayoutIfEmpty(bool result);
@@ -50,6 +62,8 @@ class PLAppMigrator : public MigrationPluginBase {
   // is not to be migrated in this run: rubbish, which is removed, or what can't be judged, which is
   // left alone.
   std::optional<Dictionary> _introspectContainer(const URL& container, bool& orderResultEarly);
+  // What is decided there, from the entries of the container. Changes nothing.
+  ContainerVerdict classifyContainer(const URL& container, const std::vector<URL>& entries);
   // `unreadable` becomes true when the file may be whole but could not be read.
   std::optional<Dictionary> _loadAndValidateMigrationMarkerAtURL(const URL& marker,
                                                                  bool& unreadable);
@@ -84,7 +98,6 @@ class PLAppMigrator : public MigrationPluginBase {
                                         PendingMoves& moves);
 
   // safe_harbors.cpp
-  [[nodiscard]] URL safeHarborMapURL() const;
   bool _migrateSafeHarbors();
 
   const PLGlobalConfiguration& configuration_;

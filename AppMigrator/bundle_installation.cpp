@@ -48,7 +48,7 @@ bool moveIntoPayload(const URL& bundle, const URL& payload, URL& destination, Er
 void hearStatus(const Dictionary& status, const URL& bundle, bool& alreadyInstalled) {
   const Value name = status.get("Error");
   if (!name) return;
-  if (name == Value::string("ApplicationAlreadyInstalled")) {
+  if (name == Value::string(std::string(kAppAlreadyInstalledError))) {
     logNotice(kFunction,
               "PLAppMigrator: Installation of %@ failed because it's older than what's built into "
               "the system. "

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace pallion {
@@ -18,5 +19,9 @@ inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
 // Name of the migration marker file, directly inside an old container.
 inline constexpr std::string_view kMigrationMarkerName =
     "com.orlix.pallion.container_migrator.plist";
+
+// Whether an entry of that name, left in an old container that was migrated, is something that the
+// migration forgot. The marks of the installer are not.
+bool countsAsMissed(const std::string& name);
 
 }  // namespace pallion

@@ -6,6 +6,11 @@
 
 namespace pallion {
 
+bool countsAsMissed(const std::string& name) {
+  return name != kMigrationMarkerName && name != "com.orlix.pallion.migration_marker" &&
+         name != "com.orlix.pallion.placeholder" && !isSetAsideName(name);
+}
+
 bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
                                                        const URL& fromURL, const URL& toURL,
                                                        PendingMoves& moves) {
@@ -46,11 +51,7 @@ bool PLAppMigrator::_containerHasMissedItems(const URL& container, const std::st
              container.path(), identifier, error);
     return true;
   }
-  std::erase_if(*items, [](const URL& item) {
-    const std::string name = item.lastPathComponent();
-    return name == kMigrationMarkerName || name == "com.orlix.pallion.migration_marker" ||
-           name == "com.orlix.pallion.placeholder" || isSetAsideName(name);
-  });
+  std::erase_if(*items, [](const URL& item) { return !countsAsMissed(item.lastPathComponent()); });
   if (items->empty()) return false;
   logError(kFunction, "PLAppMigrator: Found missed items in %@ for %@: %@", container.path(),
            identifier, *items);

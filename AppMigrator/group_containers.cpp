@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "AppMigrator/app_migrator.h"
+#include "AppMigrator/group_entry.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
 #include "platform/app_workspace.h"
@@ -11,8 +12,7 @@ namespace pallion {
 
 namespace {
 
-// Whether the old container is the new one or lies in it, as a damaged map may have it: then what
-// has to make room in the new container would be what is to be moved.
+// Whether the old container is the new one or lies in it, as a damaged map may have it.
 bool liesInside(const URL& oldURL, const URL& newURL) {
   namespace fs = std::filesystem;
   std::error_code failed;
@@ -23,6 +23,23 @@ bool liesInside(const URL& oldURL, const URL& newURL) {
 }
 
 }  // namespace
+
+GroupEntry groupEntryFor(const Dictionary& map, const std::string& group,
+                         const std::optional<URL>& newURL) {
+  using State = GroupEntry::State;
+  const Value entry = map.get(group);
+  if (!entry.asDictionary()) return {State::kUnknown, {}};
+  const std::string* path = entry.asDictionary()->getString("Container");
+  if (!path) return {State::kWithoutPath, {}};
+  URL from = URL::fileURL(*path, URL::Kind::kDirectory);
+  State state = State::kUsable;
+  if (!PLFileManager::defaultManager().itemExistsAtURL(from)) {
+    state = State::kMissing;
+  } else if (newURL && liesInside(from, *newURL)) {
+    state = State::kInsideNew;
+  }
+  return {state, std::move(from)};
+}
 
 bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& identifier) {
   constexpr char kFunction[] = "-[PLAppMigrator _migrateGroupContainersForIdentifier:]";
@@ -56,24 +73,22 @@ bool PLAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
   std::vector<Group> moved;
   PendingMoves moves;
   for (const auto& [group, newURL] : *proxy->groupContainerURLs()) {
-    const Value entry = _groupContainerMap->get(group);
-    if (!entry.asDictionary()) {
+    const auto [state, oldURL] = groupEntryFor(*_groupContainerMap, group, newURL);
+    if (state == GroupEntry::State::kUnknown) {
       logNotice(kFunction, "PLAppMigrator: No group container entry to migrate for %@[%@]",
                 identifier, group);
       continue;
     }
-    const std::string* path = entry.asDictionary()->getString("Container");
-    if (!path) {
+    if (state == GroupEntry::State::kWithoutPath) {
       logNotice(kFunction, "PLAppMigrator: Failed to get path to group container for %@[%@]",
                 identifier, group);
       continue;
     }
-    const URL oldURL = URL::fileURL(*path, URL::Kind::kDirectory);
-    if (!files.itemExistsAtURL(oldURL)) {
+    if (state == GroupEntry::State::kMissing) {
       logError(kFunction, "PLAppMigrator: Missing source group container at %@", oldURL.path());
       continue;
     }
-    if (liesInside(oldURL, newURL)) {
+    if (state == GroupEntry::State::kInsideNew) {
       logError(kFunction, "PLAppMigrator: Source group container at %@ lies in its destination %@",
                oldURL.path(), newURL.path());
       continue;

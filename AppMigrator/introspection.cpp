@@ -4,6 +4,7 @@
 
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/container_info.h"
+#include "AppMigrator/container_verdict.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
 #include "foundation/property_list.h"
@@ -15,65 +16,86 @@ namespace {
 
 constexpr char kIntrospectFunction[] = "-[PLAppMigrator _introspectContainer:orderResultEarly:]";
 
-// Lists the container. Without a list the item is no container to migrate; a plain file is removed.
-std::optional<std::vector<URL>> listContainer(const URL& container) {
-  const PLFileManager& files = PLFileManager::defaultManager();
+ContainerVerdict verdict(ContainerFate fate, std::string reason) {
+  ContainerVerdict result;
+  result.fate = fate;
+  result.reason = std::move(reason);
+  return result;
+}
+
+ContainerVerdict leftAlone(const URL& entry, const char* because) {
+  return verdict(ContainerFate::kLeftAlone, entry.lastPathComponent() + " " + because);
+}
+
+}  // namespace
+
+ContainerListing listContainer(const URL& container) {
+  ContainerListing listing;
   Error error;
-  std::optional<std::vector<URL>> entries =
-      files.urlsForItemsInDirectoryAtURL(container, false, &error);
-  if (entries) return entries;
+  listing.entries =
+      PLFileManager::defaultManager().urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (listing.entries) {
+    std::erase_if(*listing.entries, [&](const URL& entry) {
+      if (!isSetAsideName(entry.lastPathComponent())) return false;
+      listing.setAside.push_back(entry);
+      return true;
+    });
+    return listing;
+  }
   if (error.isPOSIX(ENOTDIR)) {
     logError(kIntrospectFunction, "PLAppMigrator: Found regular file at %@ ; removing",
              container.path());
-    files.removeItemAtURL(container, nullptr);
+    listing.verdict = verdict(ContainerFate::kRemoved, "is no directory");
   } else if (error.isPOSIX(ENOENT)) {
     logNotice(
         kIntrospectFunction,
         "PLAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with palliond)",
         container.path());
+    listing.verdict = verdict(ContainerFate::kGone, "is gone");
   } else {
     logError(kIntrospectFunction, "PLAppMigrator: Failed to get URLs in container %@ : %@",
              container.path(), error);
+    listing.verdict = verdict(ContainerFate::kLeftAlone,
+                              "can't be listed: " + std::string(error.localizedDescription()));
   }
-  return std::nullopt;
+  return listing;
 }
-
-// Finishes what an interrupted move left behind: its content stands in the new layout already.
-void sweepItemsSetAside(std::vector<URL>& entries) {
-  std::erase_if(entries, [](const URL& entry) {
-    if (!isSetAsideName(entry.lastPathComponent())) return false;
-    PLFileManager::defaultManager().removeItemAtURL(entry, nullptr);
-    return true;
-  });
-}
-
-}  // namespace
 
 std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& container,
                                                               bool& orderResultEarly) {
-  std::optional<std::vector<URL>> entries = listContainer(container);
-  if (!entries) return std::nullopt;
-  sweepItemsSetAside(*entries);
+  const PLFileManager& files = PLFileManager::defaultManager();
+  ContainerListing listing = listContainer(container);
+  for (const URL& item : listing.setAside) files.removeItemAtURL(item, nullptr);
+  ContainerVerdict verdict =
+      listing.entries ? classifyContainer(container, *listing.entries) : std::move(listing.verdict);
+  if (verdict.fate == ContainerFate::kRemoved) files.removeItemAtURL(container, nullptr);
+  orderResultEarly = verdict.orderEarly;
+  return std::move(verdict.info);
+}
 
+ContainerVerdict PLAppMigrator::classifyContainer(const URL& container,
+                                                  const std::vector<URL>& entries) {
+  ContainerVerdict result;
   // None once a marker was met that can't be used: then nothing is recorded any more.
   std::optional<Dictionary> info = Dictionary{{kContainerPathKey, Value::string(container.path())}};
   std::optional<URL> application;
   std::optional<URL> vpnPlugin;
   bool unreadable = false;
   const auto record = [&](const URL& bundle, std::string_view type, const std::string& identifier) {
-    orderResultEarly = type == kContainerTypeApp;
+    result.orderEarly = type == kContainerTypeApp;
     if (!info) return;
     info->set(kBundlePathKey, Value::string(bundle.path()));
     info->set(kContainerTypeKey, Value::string(std::string(type)));
     info->set(kBundleIdentifierKey, Value::string(identifier));
   };
 
-  for (const URL& entry : *entries) {
+  for (const URL& entry : entries) {
     struct stat status {};
     if (lstat(entry.fileSystemRepresentation(), &status) != 0) {
+      const char* const cause = std::strerror(errno);
       logError(kIntrospectFunction, "PLAppMigrator: Failed to stat path %s : %s",
-               entry.fileSystemRepresentation(), std::strerror(errno));
-      return std::nullopt;
+               entry.fileSystemRepresentation(), cause);
+      return leftAlone(entry, cause);
     }
     const bool isLink = S_ISLNK(status.st_mode);
     const std::string extension = entry.pathExtension();
@@ -83,7 +105,7 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
       if (isLink) {
         logError(kIntrospectFunction, "PLAppMigrator: Skipping container with app symlink at %@",
                  entry.path());
-        return std::nullopt;
+        return leftAlone(entry, "is a symbolic link");
       }
       logNotice(kIntrospectFunction, "PLAppMigrator: Found app %@", entry.path());
       const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
@@ -100,7 +122,7 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
       if (isLink) {
         logError(kIntrospectFunction,
                  "PLAppMigrator: VPN plugin was symlink; skipping container %@", entry.path());
-        return std::nullopt;
+        return leftAlone(entry, "is a symbolic link");
       }
       const IdentifierState state = _bundleIdentifierForBundle(entry, identifier);
       if (state == IdentifierState::kUnreadable) {
@@ -117,13 +139,16 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
         logError(kIntrospectFunction,
                  "PLAppMigrator: Migration marker was symlink; skipping container %@",
                  entry.path());
-        return std::nullopt;
+        return leftAlone(entry, "is a symbolic link");
       }
       bool unreadableMarker = false;
       info = _loadAndValidateMigrationMarkerAtURL(entry, unreadableMarker);
       if (info) {
-        orderResultEarly = *info->getString(kContainerTypeKey) == kContainerTypeApp;
-        return info;
+        result.fate = ContainerFate::kMigrated;
+        result.orderEarly = *info->getString(kContainerTypeKey) == kContainerTypeApp;
+        result.resumed = true;
+        result.info = std::move(info);
+        return result;
       }
       logError(kIntrospectFunction, "PLAppMigrator: Failed to load migration marker file from %@",
                entry);
@@ -132,18 +157,21 @@ std::optional<Dictionary> PLAppMigrator::_introspectContainer(const URL& contain
   }
 
   // What is there but can't be read just now is not absent.
-  if (unreadable) return std::nullopt;
+  if (unreadable) return verdict(ContainerFate::kLeftAlone, "holds what can't be read just now");
   if (!application && !vpnPlugin) {
     logError(kIntrospectFunction,
              "PLAppMigrator: No app or vpn bundle found in container %@ ; removing it",
              container.path());
-    PLFileManager::defaultManager().removeItemAtURL(container, nullptr);
-    return std::nullopt;
+    return verdict(ContainerFate::kRemoved, "holds no bundle with an identifier");
   }
-  if (info && application && vpnPlugin) {
+  if (!info)
+    return verdict(ContainerFate::kLeftAlone, "holds a migration marker that can't be used");
+  if (application && vpnPlugin) {
     info->set(kSecondBundlePathKey, Value::string(vpnPlugin->path()));
   }
-  return info;
+  result.fate = ContainerFate::kMigrated;
+  result.info = std::move(info);
+  return result;
 }
 
 std::optional<Dictionary> PLAppMigrator::_loadAndValidateMigrationMarkerAtURL(const URL& marker,

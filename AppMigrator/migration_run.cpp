@@ -1,10 +1,10 @@
 #include <cerrno>
-#include <deque>
 #include <set>
 
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/container_info.h"
 #include "AppMigrator/migrator_log.h"
+#include "AppMigrator/run_order.h"
 #include "file_operations/file_manager.h"
 #include "platform/installer_service.h"
 
@@ -13,31 +13,6 @@ namespace pallion {
 namespace {
 
 constexpr char kRunFunction[] = "-[PLAppMigrator performMigration]";
-constexpr std::string_view kApplicationsLocationNote = "WhereDidMyApplicationsGo.txt";
-
-// Whether `path` names `directory`, or with `below` an item directly in it, letter for letter.
-bool isPlace(std::string_view path, const URL& directory, bool below) {
-  const auto withoutSlash = [](std::string_view text) {
-    return text.ends_with('/') ? text.substr(0, text.size() - 1) : text;
-  };
-  path = withoutSlash(path);
-  if (below) {
-    const size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) return false;
-    path = path.substr(0, slash);
-  }
-  return path == withoutSlash(directory.fileSystemRepresentation());
-}
-
-// A marker may say anything. What speaks of another place than the container in which it lies is
-// not acted on: it would move or remove what belongs to somebody else.
-bool speaksOf(const Dictionary& info, const URL& container) {
-  const std::string* second = info.getString(kSecondBundlePathKey);
-  return isPlace(*info.getString(kContainerPathKey), container, false) &&
-         isPlace(*info.getString(kBundlePathKey), container, true) &&
-         (!second || isPlace(*second, container, true));
-}
-
 }  // namespace
 
 bool PLAppMigrator::performMigration() {
@@ -67,42 +42,37 @@ bool PLAppMigrator::migrateContainers() {
   if (!_itemsToMigrate) return true;
   const auto countItem = [this] { _countItemsMigrated.fetch_add(1, std::memory_order_relaxed); };
 
-  struct Container {
-    URL url;
-    Dictionary info;
-  };
-  std::deque<Container> results;
+  ContainerQueue results;
   for (const URL& item : *_itemsToMigrate) {
     logNotice(kRunFunction, "PLAppMigrator: Introspecting %@", item.path());
-    if (item.lastPathComponent() == kApplicationsLocationNote) {
+    if (isApplicationsLocationNote(item)) {
       PLFileManager::defaultManager().removeItemAtURL(item, nullptr);
       countItem();
       continue;
     }
     bool early = false;
     std::optional<Dictionary> info = _introspectContainer(item, early);
-    if (!info) {
-      countItem();
-    } else if (early) {
-      results.push_front({item, std::move(*info)});
+    if (info) {
+      enqueueContainer(results, {item, std::move(*info)}, early);
     } else {
-      results.push_back({item, std::move(*info)});
+      countItem();
     }
   }
 
   bool allMigrated = true;
   std::set<std::string> identifiers;  // of the containers that were begun
-  for (const auto& [container, info] : results) {
+  for (const QueuedContainer& queued : results) {
+    const auto& [container, info] = queued;
     const Value identifier = info.get(kBundleIdentifierKey);
     const Value path = info.get(kBundlePathKey);
     logNotice(kRunFunction, "PLAppMigrator: Migrating %@ at %@", identifier, path);
     itemStarted(*identifier.asString(), container.path());
     bool migrated = false;
-    if (!speaksOf(info, container)) {
+    const Objection objection = objectionTo(queued, identifiers);
+    if (objection == Objection::kSpeaksOfAnotherPlace) {
       logError(kRunFunction, "PLAppMigrator: Migration marker of %@ speaks of another place",
                container.path());
-    } else if (!identifiers.insert(*identifier.asString()).second) {
-      // Its data would replace what the other container's data has just become.
+    } else if (objection == Objection::kAnotherOfItWasBegun) {
       logError(kRunFunction,
                "PLAppMigrator: Another container of %@ was migrated already; skipping %@",
                identifier, container.path());

@@ -1,4 +1,5 @@
 #include "AppMigrator/app_migrator.h"
+#include "AppMigrator/harbor_entry.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/file_manager.h"
 #include "foundation/error.h"
@@ -13,8 +14,17 @@ constexpr int kHarborContainerType = 2;
 
 }  // namespace
 
-URL PLAppMigrator::safeHarborMapURL() const {
-  return configuration_.oldDataDirectoryPath().appending("SafeHarbor.plist", URL::Kind::kFile);
+URL safeHarborMapURL(const PLGlobalConfiguration& configuration) {
+  return configuration.oldDataDirectoryPath().appending("SafeHarbor.plist", URL::Kind::kFile);
+}
+
+HarborEntry harborEntryOf(const Value& key, const Value& entry) {
+  using State = HarborEntry::State;
+  const std::string* identifier = key.asString();
+  if (!identifier) return {State::kKeyIsNoString, nullptr, nullptr};
+  if (!entry.asDictionary()) return {State::kNoDictionary, identifier, nullptr};
+  const std::string* path = entry.asDictionary()->getString("HarborPathKey");
+  return {path ? State::kUsable : State::kWithoutPath, identifier, path};
 }
 
 bool PLAppMigrator::_migrateSafeHarbors() {
@@ -22,17 +32,16 @@ bool PLAppMigrator::_migrateSafeHarbors() {
   if (!_harborMap) return true;
   bool result = true;
   for (const auto& [key, entry] : *_harborMap) {
-    const std::string* identifier = key.asString();
-    if (!identifier) {
+    const auto [state, identifier, path] = harborEntryOf(key, entry);
+    if (state == HarborEntry::State::kKeyIsNoString) {
       logError(kFunction, "PLAppMigrator: Identifier in harbor map was not string; skipping");
       continue;
     }
-    if (!entry.asDictionary()) {
+    if (state == HarborEntry::State::kNoDictionary) {
       logError(kFunction, "PLAppMigrator: Failed to get harbor info for identifier %@", key);
       continue;
     }
-    const std::string* path = entry.asDictionary()->getString("HarborPathKey");
-    if (!path) {
+    if (state == HarborEntry::State::kWithoutPath) {
       logError(kFunction, "PLAppMigrator: Failed to get harbor path from harbor entry for %@ : %@",
                key, entry);
       continue;
@@ -46,7 +55,8 @@ bool PLAppMigrator::_migrateSafeHarbors() {
       result = false;
     }
   }
-  if (result) PLFileManager::defaultManager().removeItemAtURL(safeHarborMapURL(), nullptr);
+  if (result)
+    PLFileManager::defaultManager().removeItemAtURL(safeHarborMapURL(configuration_), nullptr);
   return result;
 }
 

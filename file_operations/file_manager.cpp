@@ -8,6 +8,7 @@
 
 #include "file_operations/error_makers.h"
 #include "file_operations/path_strings.h"
+#include "foundation/open_unnoticed.h"
 #include "platform/directory_reader.h"
 #include "platform/item_status.h"
 #include "platform/product_log.h"
@@ -65,8 +66,8 @@ unsigned char typeOfEntry(int directory, const DirectoryReader::Entry& entry) {
 // Calls `visit(name, type)` for every entry but "." and "..". 0 or an errno.
 template <class Visit>
 int _IterateDirectory(const URL& url, const Visit& visit) {
-  DirectoryReader reader(
-      open(url.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  DirectoryReader reader(openUnnoticed(AT_FDCWD, url.fileSystemRepresentation(),
+                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!reader.isOpen()) return errno;
   DirectoryReader::Entry entry;
   while (reader.next(entry)) visit(entry.name, typeOfEntry(reader.descriptor(), entry));

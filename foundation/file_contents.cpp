@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/open_unnoticed.h"
 #include "foundation/signal_retry.h"
 #include "foundation/unique_descriptor.h"
 
@@ -37,8 +38,8 @@ int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& byte
 
 int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::string& bytes) {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-  const UniqueDescriptor file(
-      retriedAfterSignals([&] { return open(url.fileSystemRepresentation(), kFlags); }));
+  const UniqueDescriptor file(retriedAfterSignals(
+      [&] { return openUnnoticed(AT_FDCWD, url.fileSystemRepresentation(), kFlags); }));
   if (!file)
     return errno == ENXIO ? EINVAL : errno;  // ENXIO: a socket, or a device that isn't there
   struct stat status {};

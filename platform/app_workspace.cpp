@@ -16,6 +16,10 @@ std::optional<BundleProxy> BundleProxy::bundleProxyForIdentifier(const std::stri
   return AppWorkspace::defaultWorkspace().proxyForIdentifier(identifier);
 }
 
+InstallationForecast AppWorkspace::forecastInstallation(const InstallationQuestion& /*question*/) {
+  return {};
+}
+
 AppWorkspace& AppWorkspace::defaultWorkspace() {
   AppWorkspace* replacement = gReplacement.load();
   return replacement ? *replacement : defaultRegistry();

@@ -25,6 +25,42 @@ inline constexpr std::string_view kAppPackageTypeCustomer = "Customer";
 inline constexpr std::string_view kAppPackageTypePlaceholder = "Placeholder";
 inline constexpr std::string_view kAppBriscaMetadataKey = "BriscaMetadata";
 
+// The error name under which the status dictionary of an installation says that a newer version is
+// built into the system.
+inline constexpr std::string_view kAppAlreadyInstalledError = "ApplicationAlreadyInstalled";
+
+// An installation that has not been staged yet.
+struct InstallationQuestion {
+  std::string identifier;
+  // A placeholder made of the first bundle, or the bundles themselves.
+  bool placeholder = false;
+  // Where the bundles stand now: directory and name of each that would be staged.
+  std::vector<std::pair<std::string, std::string>> bundles;
+  // The staging directory, for what stands in it already; empty when nothing will.
+  std::string staging;
+  // As what an installation before this one, which is still to come as well, will have installed
+  // the identifier: "App" or "VPNBundle".
+  std::optional<std::string> installedBefore;
+};
+
+// What an installation will come to, as far as it can be told before.
+struct InstallationForecast {
+  // The status dictionary that the block will hear; nothing when nothing speaks against it.
+  std::optional<Dictionary> refusal;
+  // Where the application's data container, its bundle container and its group containers stand, or
+  // the directories in which they will be made; nothing when that can't be told.
+  std::optional<URL> dataContainer;
+  std::optional<URL> bundleContainers;
+  struct Group {
+    std::string identifier;
+    URL place;
+    bool exists = false;  // `place` is the container itself
+  };
+  std::vector<Group> groups;  // sorted by identifier
+  // Of the plug-in beside the application that gets a record of its own; empty for none.
+  std::string plugin;
+};
+
 // The record of one bundle at the time of the question. Immutable; shared between threads at will.
 class BundleProxy {
  public:
@@ -91,6 +127,10 @@ class AppWorkspace {
   }
   virtual bool installApplication(const URL& url, const Dictionary& options, Error* error,
                                   const StatusBlock& block) = 0;
+
+  // What an installation will come to. Changes nothing. The answer for whoever can't tell: nothing
+  // speaks against it.
+  virtual InstallationForecast forecastInstallation(const InstallationQuestion& question);
 
   // What BundleProxy::bundleProxyForIdentifier asks.
   virtual std::optional<BundleProxy> proxyForIdentifier(const std::string& identifier) = 0;

@@ -32,6 +32,10 @@ class EmbeddedRegistry final : public Registry {
   bool updateContainerDataProtection(const Dictionary& options) override;
   bool registerSafeHarbor(const std::string& path, const std::string& identifier, int containerType,
                           void* reserved) override;
+  InstallationForecast forecastInstallation(const InstallationQuestion& question) override;
+  HarborForecast forecastSafeHarbor(const std::string& path,
+                                    const std::string& identifier) override;
+  std::optional<std::string> forecastContainerDataProtection() override;
   std::optional<std::vector<BundleProxy>> allProxies(Error* error) override;
   std::optional<std::vector<SafeHarborRecord>> allSafeHarbors(Error* error) override;
   void close() override;
@@ -66,6 +70,24 @@ class EmbeddedRegistry final : public Registry {
                         const char* function);
   Outcome recordBundle(RegistryChange& change, const BundleFacts& facts, const std::string& uuid);
 
+  // What an installation refuses, apart from failures of the file system. They only look.
+  static Outcome judgeIdentifier(const BundleFacts& facts, const std::string& identifier,
+                                 const std::string& bundlePath);
+  static Outcome judgePackage(const StagedPackage& package, const std::string& identifier,
+                              const std::string& staging, const BundleRow* row,
+                              const BundleFacts* builtIn);
+  // A truncated or lost database would pass for a new one, and the containers would be forgotten.
+  [[nodiscard]] Outcome judgeEmptyDatabase() const;
+  Outcome judgeHarbor(const std::string& source, const std::string& identifier, bool& taken);
+
+  // Forecasts.
+  Outcome openForForecast();
+  Outcome forecast(const InstallationQuestion& question, InstallationForecast& answer);
+  Outcome forecastPackage(const InstallationQuestion& question, std::optional<BundleRow> row,
+                          InstallationForecast& answer);
+  Outcome forecastGroups(const std::vector<std::string>& groups, InstallationForecast& answer);
+  Outcome readInterruptedPackages();
+
   Outcome isInstalled(const std::string& identifier, bool& installed);
 
   // Records.
@@ -93,6 +115,10 @@ class EmbeddedRegistry final : public Registry {
   std::unique_ptr<RegistryDatabase> database_;
   int lock_ = -1;  // open while this process may write
   std::vector<std::string> removedTrash_;
+  // Staging directories that were taken over but not recorded; only a forecast reads them.
+  std::optional<std::vector<BundleFacts>> interruptedBundles_;
 };
+
+Outcome judgeHarborIdentifier(const std::string& path, const std::string& identifier);
 
 }  // namespace pallion

@@ -12,6 +12,15 @@ std::atomic<InstallerService*> gReplacement{nullptr};
 
 }  // namespace
 
+std::optional<std::string> InstallerService::forecastContainerDataProtection() {
+  return std::nullopt;
+}
+
+HarborForecast InstallerService::forecastSafeHarbor(const std::string& /*path*/,
+                                                    const std::string& /*identifier*/) {
+  return {};
+}
+
 InstallerService& InstallerService::current() {
   InstallerService* replacement = gReplacement.load();
   return replacement ? *replacement : defaultRegistry();

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "foundation/url.h"
 #include "foundation/value.h"
 
 // Client side of the installer service.
@@ -13,6 +15,13 @@ namespace pallion {
 // applications.
 inline constexpr std::string_view kPLUpdateSystemAppDataContainerDataProtection =
     "UpdateSystemAppDataContainerDataProtection";
+
+// What the registration of a safe harbor will come to.
+struct HarborForecast {
+  std::optional<std::string> refusal;  // why it will be refused; nothing when it will not
+  bool taken = false;                  // by a former registration: there is nothing to move
+  std::optional<URL> store;  // where the harbors stand or will; nothing when it can't be told
+};
 
 class InstallerService {
  public:
@@ -27,6 +36,11 @@ class InstallerService {
   // `reserved` is not used.
   virtual bool registerSafeHarbor(const std::string& path, const std::string& identifier,
                                   int containerType, void* reserved) = 0;
+
+  // What the two will come to, as far as it can be told before: why they will fail. They change
+  // nothing. The answer for whoever can't tell: nothing speaks against it.
+  virtual std::optional<std::string> forecastContainerDataProtection();
+  virtual HarborForecast forecastSafeHarbor(const std::string& path, const std::string& identifier);
 
   // The seam: at first the embedded service at the root. `replace` with null goes back to it,
   // answers the one before.

@@ -41,6 +41,7 @@ bool readStatus(const ItemReference& item, ItemStatus& status) {
   status.represents = makedev(found.stx_rdev_major, found.stx_rdev_minor);
   status.accessed = toTimespec(found.stx_atime);
   status.modified = toTimespec(found.stx_mtime);
+  status.changed = toTimespec(found.stx_ctime);
   status.isMountRoot = (found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
   return true;
 }

@@ -24,6 +24,7 @@ struct ItemStatus {
   dev_t represents = 0;  // device nodes
   timespec accessed{};
   timespec modified{};
+  timespec changed{};
   bool isMountRoot = false;  // known since Linux 5.8
 };
 

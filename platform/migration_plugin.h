@@ -46,8 +46,9 @@ class MigrationPluginBase {
   virtual float estimatedDuration();
   // 0 to 1; negative when there is nothing to tell.
   virtual float migrationProgress();
-  // What performMigration would do now, as a property list whose keys the plug-in documents;
-  // changes nothing. None when this plug-in can't tell.
+  // What performMigration would do now, as a property list whose keys the plug-in documents. Asked
+  // instead of performMigration: needs no `init`, has none of its effects, changes nothing. None
+  // when this plug-in can't tell.
   virtual std::optional<Dictionary> migrationPlan();
 
   // Not owned; null for none.

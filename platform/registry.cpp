@@ -90,11 +90,7 @@ Outcome EmbeddedRegistry::openDatabase() {
   database_ = RegistryDatabase::open(path, RegistryDatabase::Access::kReadWrite,
                                      IfEmpty::kAnswerNull, failed);
   if (!database_ && !failed) {
-    // A truncated or lost database would pass for a new one, and the containers would be forgotten.
-    if (containers_.anyPlaced()) {
-      return Refusal{RegistryErrorCode::kDatabase, "Registry database " + path, 0,
-                     "is empty, but there are containers"};
-    }
+    if ((failed = judgeEmptyDatabase())) return failed;
     database_ = RegistryDatabase::open(path, RegistryDatabase::Access::kReadWrite,
                                        IfEmpty::kMakeTables, failed);
   }
@@ -103,6 +99,12 @@ Outcome EmbeddedRegistry::openDatabase() {
     return Refusal{RegistryErrorCode::kDatabase, "Making the directories for containers", made, ""};
   }
   return recover();
+}
+
+Outcome EmbeddedRegistry::judgeEmptyDatabase() const {
+  if (!containers_.anyPlaced()) return std::nullopt;
+  return Refusal{RegistryErrorCode::kDatabase, "Registry database " + containers_.databasePath(), 0,
+                 "is empty, but there are containers"};
 }
 
 // Recovery takes what another process is just installing for something interrupted, so there is one

@@ -11,6 +11,7 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include "foundation/open_unnoticed.h"
 #include "platform/directory_reader.h"
 #include "platform/make_path.h"
 #include "platform/product_log.h"
@@ -165,7 +166,8 @@ std::optional<std::vector<RegistryContainers::IncomingEntry>> RegistryContainers
 }
 
 std::optional<std::vector<std::string>> namesInDirectory(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  const int descriptor =
+      openUnnoticed(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (descriptor < 0) return std::nullopt;
   DirectoryReader reader(descriptor);
   std::vector<std::string> names;

@@ -45,14 +45,17 @@ int copyHarbor(const std::string& source, const std::string& store, const std::s
 
 }  // namespace
 
+Outcome judgeHarborIdentifier(const std::string& path, const std::string& identifier) {
+  if (isPlainName(identifier)) return std::nullopt;
+  return Refusal{RegistryErrorCode::kOptions, "Safe harbor " + path, 0,
+                 "its identifier is no plain name"};
+}
+
 bool EmbeddedRegistry::registerSafeHarbor(const std::string& path, const std::string& identifier,
                                           int containerType, void* /*reserved*/) {
   const std::lock_guard guard(mutex_);
-  Outcome refused;
-  if (!isPlainName(identifier)) {
-    refused = Refusal{RegistryErrorCode::kOptions, "Safe harbor " + path, 0,
-                      "its identifier is no plain name"};
-  } else if (!(refused = openForWriting())) {
+  Outcome refused = judgeHarborIdentifier(path, identifier);
+  if (!refused && !(refused = openForWriting())) {
     // Without the slashes at the end, with which a link would be followed; empty for a path that is
     // not absolute.
     refused = takeHarbor(URL::fileURL(path).fileSystemRepresentation(), identifier, containerType);
@@ -64,18 +67,9 @@ bool EmbeddedRegistry::registerSafeHarbor(const std::string& path, const std::st
 Outcome EmbeddedRegistry::takeHarbor(const std::string& source, const std::string& identifier,
                                      int containerType) {
   const std::string store = containers_.harborDirectory();
-  struct stat status {};
-  if (lstat(source.c_str(), &status) != 0) {
-    const Refusal missing = notTaken(source, errno);
-    if (missing.errorNumber != ENOENT || source.empty()) return missing;
-    // Registered before?
-    std::optional<HarborRow> row;
-    if (!database_->findHarbor(identifier, row)) return database_->failure();
-    const bool taken =
-        row && row->source == source && lstat((store + "/" + row->uuid).c_str(), &status) == 0;
-    return taken ? std::nullopt : Outcome(missing);
-  }
-  if (!S_ISDIR(status.st_mode)) return notTaken(source, ENOTDIR);
+  bool taken = false;
+  if (Outcome refused = judgeHarbor(source, identifier, taken)) return refused;
+  if (taken) return std::nullopt;
   const int made = MakePath::current().make(store.c_str(), 0755);
   if (made != 0 && made != EEXIST) return notTaken(source, made);
 
@@ -111,6 +105,22 @@ Outcome EmbeddedRegistry::takeHarbor(const std::string& source, const std::strin
       LogWrite(kLogError, kRegister, "Failed to remove %s: %s", source, strerrordesc_np(number));
   }
   return std::nullopt;
+}
+
+// Looks at what is to be taken. `taken` becomes true for what a former registration has taken.
+Outcome EmbeddedRegistry::judgeHarbor(const std::string& source, const std::string& identifier,
+                                      bool& taken) {
+  struct stat status {};
+  if (lstat(source.c_str(), &status) == 0) {
+    return S_ISDIR(status.st_mode) ? std::nullopt : Outcome(notTaken(source, ENOTDIR));
+  }
+  const Refusal missing = notTaken(source, errno);
+  if (missing.errorNumber != ENOENT || source.empty()) return missing;
+  std::optional<HarborRow> row;
+  if (database_ && !database_->findHarbor(identifier, row)) return database_->failure();
+  taken = row && row->source == source &&
+          lstat((containers_.harborDirectory() + "/" + row->uuid).c_str(), &status) == 0;
+  return taken ? std::nullopt : Outcome(missing);
 }
 
 // For a harbor that stands in the store.

@@ -138,40 +138,24 @@ Outcome EmbeddedRegistry::install(const URL& url, const Dictionary& options) {
 Outcome EmbeddedRegistry::installPackage(const std::string& staging, const std::string& identifier,
                                          uint64_t installType) {
   StagedPackage package;
-  if (Outcome refused = inspectPackage(staging, package)) return refused;
+  if (Outcome uninstallable = inspectPackage(staging, package)) return uninstallable;
   std::optional<BundleRow> row;
   if (!database_->findBundle(identifier, row)) return database_->failure();
   const BundleFacts* builtIn = nullptr;
   if (Outcome unreadable = builtIns_.find(identifier, builtIn)) return unreadable;
 
-  if (!package.main) {
-    if (row && row->isReal()) return takeLateMetadata(staging, row->container);
-    if (!builtIn)
-      return Refusal{RegistryErrorCode::kPackageInspection, staging, 0, "holds no bundle"};
-    // Its metadata went the same way when the older bundle was refused.
-    const int failed = takeAway(staging, kInstall);
-    return failed == 0 ? std::nullopt : Outcome(notTaken(staging, failed));
-  }
-
-  const BundleFacts& main = *package.main;
-  const std::string bundlePath = staging + "/Payload/" + main.name;
-  if (main.identifier != identifier) {
-    return Refusal{RegistryErrorCode::kPackageInspection, bundlePath, 0,
-                   main.identifier.empty() ? "has no Info.plist with an identifier"
-                                           : "has the identifier " + main.identifier};
-  }
-  if (Outcome refused = checkExecutable(bundlePath, main)) return refused;
-  if (row && row->isReal() && row->type != bundleTypeOf(main.name)) {
-    return Refusal{RegistryErrorCode::kIdentifierInUse, bundlePath, 0,
-                   identifier + " is installed as " + row->type};
-  }
-  if (builtIn && compareVersions(main.version, builtIn->version) < 0) {
+  Outcome refused = judgePackage(package, identifier, staging, row ? &*row : nullptr, builtIn);
+  if (refused && refused->code == RegistryErrorCode::kOlderThanBuiltIn) {
     const int failed = takeAway(staging, kInstall);
     if (failed != 0)
       LogWrite(kLogError, kInstall, "Failed to remove %s: %s", staging, strerrordesc_np(failed));
-    return Refusal{
-        RegistryErrorCode::kOlderThanBuiltIn, bundlePath, 0,
-        "version " + main.version + " is older than the built-in version " + builtIn->version};
+  }
+  if (refused) return refused;
+  if (!package.main) {
+    if (row && row->isReal()) return takeLateMetadata(staging, row->container);
+    // Its metadata went the same way when the older bundle was refused.
+    const int failed = takeAway(staging, kInstall);
+    return failed == 0 ? std::nullopt : Outcome(notTaken(staging, failed));
   }
 
   if (Outcome failed = setInstallTypes(staging, package, installType)) return failed;
@@ -191,8 +175,7 @@ Outcome EmbeddedRegistry::recordPackage(const StagedPackage& package, const std:
   if (package.plugin) bundles.push_back(package.plugin->name);
   recording.adopt(Kind::kBundle, uuid, std::move(bundles));
   if (Outcome failed = recordBundle(recording, *package.main, uuid)) return failed;
-  if (package.plugin && !package.plugin->identifier.empty() &&
-      package.plugin->identifier != package.main->identifier) {
+  if (package.plugin && hasRecordOfItsOwn(package)) {
     std::optional<BundleRow> row;
     if (!database_->findBundle(package.plugin->identifier, row)) return database_->failure();
     if (row && row->hasBundle() && row->type != bundleTypeOf(package.plugin->name)) {

@@ -76,11 +76,7 @@ Outcome EmbeddedRegistry::installPlaceholder(const URL& url, const std::string& 
                                         name, facts)) {
     return refused;
   }
-  if (facts.identifier != identifier) {
-    return Refusal{RegistryErrorCode::kPackageInspection, source, 0,
-                   facts.identifier.empty() ? "has no Info.plist with an identifier"
-                                            : "has the identifier " + facts.identifier};
-  }
+  if (Outcome refused = judgeIdentifier(facts, identifier, source)) return refused;
   std::optional<BundleRow> row;
   if (!database_->findBundle(identifier, row)) return database_->failure();
   const BundleFacts* builtIn = nullptr;

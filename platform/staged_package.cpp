@@ -16,13 +16,13 @@ Refusal inspectionFailed(const std::string& description, int errorNumber,
   return {RegistryErrorCode::kPackageInspection, description, errorNumber, detail};
 }
 
-// Reads a bundle of Payload into the slot that its kind has.
-Outcome inspectBundle(const std::string& directory, const std::string& name,
-                      std::optional<BundleFacts>& slot) {
-  const std::string payload = directory + "/Payload";
+// Reads a bundle of `payload` into the slot that its kind has.
+Outcome inspectBundle(const std::string& payload, const std::string& name,
+                      const std::string& directory, std::optional<BundleFacts>& slot) {
   if (slot) return inspectionFailed(payload, 0, "holds more than one bundle of a kind");
   slot.emplace();
   if (Outcome refused = readBundleFacts(payload, name, *slot)) return refused;
+  if (directory.empty()) return std::nullopt;
   struct stat status {};
   const std::string place = directory + "/" + name;
   if (lstat(place.c_str(), &status) == 0)
@@ -53,16 +53,32 @@ Outcome inspectPackage(const std::string& directory, StagedPackage& package) {
   const std::string payload = directory + "/Payload";
   const std::optional<std::vector<std::string>> names = namesInDirectory(payload);
   if (!names && errno != ENOENT) return inspectionFailed("Listing " + payload, errno, "");
+  BundlePlaces bundles;
+  for (const std::string& name : names ? *names : std::vector<std::string>())
+    bundles.emplace_back(payload, name);
+  return inspectBundles(bundles, directory, package);
+}
+
+Outcome inspectBundles(const BundlePlaces& bundles, const std::string& directory,
+                       StagedPackage& package) {
   package = StagedPackage();
-  for (const std::string& name : names ? *names : std::vector<std::string>()) {
+  for (const auto& [parent, name] : bundles) {
     const char* type = isPlainName(name) ? bundleTypeOf(name) : nullptr;
     if (!type)
-      return inspectionFailed(payload + "/" + name, 0, "is neither an application nor a plug-in");
-    Outcome refused = inspectBundle(directory, name, *type == 'A' ? package.main : package.plugin);
+      return inspectionFailed(parent + "/" + name, 0, "is neither an application nor a plug-in");
+    const bool isApplication = *type == 'A';
+    Outcome refused =
+        inspectBundle(parent, name, directory, isApplication ? package.main : package.plugin);
     if (refused) return refused;
+    if (isApplication || !package.main) package.mainPath = parent + "/" + name;
   }
   if (!package.main) package.main.swap(package.plugin);
   return std::nullopt;
+}
+
+bool hasRecordOfItsOwn(const StagedPackage& package) {
+  const std::string& identifier = package.plugin->identifier;
+  return !identifier.empty() && identifier != package.main->identifier;
 }
 
 Outcome checkExecutable(const std::string& bundlePath, const BundleFacts& facts) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "foundation/open_unnoticed.h"
 #include "platform/parent_directory.h"
 
 namespace pallion {
@@ -25,13 +26,10 @@ bool fail(int number) {
   return false;
 }
 
-// Without blocking, should a FIFO stand there now, and without an access to be noted, which only
-// owners and the privileged may ask for.
+// Without blocking, should a FIFO stand there now.
 UniqueDescriptor openSource(const ItemReference& item, int flags) {
   const int all = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags;
-  UniqueDescriptor descriptor(openat(item.descriptor, item.name, all | O_NOATIME));
-  if (!descriptor && errno == EPERM) descriptor.reset(openat(item.descriptor, item.name, all));
-  return descriptor;
+  return UniqueDescriptor(openUnnoticed(item.descriptor, item.name, all));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "foundation/open_unnoticed.h"
 #include "platform/parent_directory.h"
 
 namespace pallion {

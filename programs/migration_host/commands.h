@@ -9,6 +9,9 @@ namespace pallion::host {
 // Runs the migrator over the root.
 int migrate(const Options& options);
 
+// Shows what the migrator would do with the root. Changes nothing.
+int showPlan(const Options& options);
+
 // Shows what the registry of the root holds. Changes nothing.
 int showApps(const Options& options);
 

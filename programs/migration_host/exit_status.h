@@ -7,6 +7,7 @@
 namespace pallion::host {
 
 inline constexpr int kExitNoMigrator = 3;  // no module, a wrong one, or its start failed
-inline constexpr int kExitLocked = 4;      // another run is at work on this root
+// Another run is at work on this root, or its plan is not the expected one.
+inline constexpr int kExitLocked = 4;
 
 }  // namespace pallion::host

@@ -53,6 +53,8 @@ int main(int argc, char** argv) {
   }
   const Options& options = std::get<Options>(parsed);
   switch (options.command) {
+    case Command::kPlan:
+      return showPlan(options);
     case Command::kApps: {
       const int status = showApps(options);
       // The document is all that standard output gets, but where there is none.

@@ -13,6 +13,7 @@
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/host_logs.h"
 #include "programs/migration_host/interrupt_watch.h"
+#include "programs/migration_host/plan.h"
 #include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
 #include "programs/migration_host/progress_views.h"
@@ -96,6 +97,7 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
     return kExitUsage;
   }
 
+  if (!options.expectedPlan.empty() && !planIsExpected(options, module)) return kExitLocked;
   const HostLogs logs(options, log, &journal, &report);
   // `--log` keeps all that a run has to say out of the root.
   const auto keepReport = [&](int exitStatus) {

@@ -20,6 +20,9 @@ constexpr const char* kFooter = R"(Examples:
   migration-host                              migrate the running system
   migration-host --root /mnt/device           migrate an attached device image
   migration-host --root /mnt/device --json    the same, with JSON lines on standard output
+  migration-host plan --root /mnt/device      show what a migration would do; changes nothing
+  migration-host --root /mnt/device --expect-plan ID
+                                              migrate only what the plan of that id has shown
   migration-host apps --root /mnt/device      show the applications that are installed there
   migration-host report --root /mnt/device    show the report of the last run there
   migration-host snapshot --root /mnt/device --out before.snapshot
@@ -33,9 +36,14 @@ leaves a report inside the root, /private/var/mobile/Library/Logs/Pallion/migrat
 Exit status of migrate:
   0  everything was migrated              2  wrong usage, or the root can't be entered
   1  something was not; see the logs      3  there is no migrator
-  4  another run is at work on this root  128 + N  interrupted by signal N
+  4  another run is at work on this root, 128 + N  interrupted by signal N
+     or it has another plan than expected
+Of plan: what migrate would end with (0, 1 or 3), or 2 as above.
 Of snapshot and verify: 0 all was read, nothing is lost or changed; 1 otherwise; 2 wrong usage, or no
-(whole) snapshot.)";
+(whole) snapshot.
+
+A plan's id covers what will be done, the inodes, sizes and times of every item of the user data,
+groups and harbors, and what else was looked at; not the volumes.)";
 
 const std::map<std::string, ProgressMode> kProgressModes = {{"auto", ProgressMode::kAuto},
                                                             {"bar", ProgressMode::kBar},
@@ -85,6 +93,12 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   CLI::Option* const against =
       app.add_option("--against", options.against, "verify: the snapshot from before")
           ->type_name("FILE");
+  app.add_option("--expect-plan", options.expectedPlan,
+                 "Change nothing, and end with status 4, unless this is the id of the plan")
+      ->type_name("ID")
+      ->check([](const std::string& id) {
+        return id.empty() ? "a plan's id is not empty" : std::string();
+      });
   app.add_flag("--json", options.json, "Print JSON on standard output");
   CLI::Option* const verbose = app.add_flag("-v,--verbose", options.verbose, "Log debug lines too");
   app.add_flag("-q,--quiet", options.quiet,
@@ -105,6 +119,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.add_subcommand("migrate", "Migrate every application (what happens without a command)");
+  CLI::App* const plan = app.add_subcommand("plan", "Show what a migration would do");
   CLI::App* const apps = app.add_subcommand("apps", "Show the installed applications");
   CLI::App* const report = app.add_subcommand("report", "Show the report of the last run");
 
@@ -138,6 +153,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   if (report->parsed()) options.command = Command::kReport;
   if (snapshot->parsed()) options.command = Command::kSnapshot;
   if (verify->parsed()) options.command = Command::kVerify;
+  if (plan->parsed()) options.command = Command::kPlan;
   options.logFormat = jsonLogs ? LogFormat::kJSON : LogFormat::kText;
   return options;
 }

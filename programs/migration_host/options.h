@@ -8,7 +8,7 @@
 namespace pallion::host {
 
 enum class ProgressMode { kAuto, kBar, kLines, kJSON, kNone };
-enum class Command { kMigrate, kApps, kReport, kSnapshot, kVerify };
+enum class Command { kMigrate, kPlan, kApps, kReport, kSnapshot, kVerify };
 
 struct Options {
   Command command = Command::kMigrate;
@@ -18,6 +18,7 @@ struct Options {
   std::string output;   // of snapshot; empty: standard output
   std::string against;  // the snapshot for verify
   LogFormat logFormat = LogFormat::kText;
+  std::string expectedPlan;  // empty: none is expected
   bool json = false;
   bool verbose = false;
   bool quiet = false;

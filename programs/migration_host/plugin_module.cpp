@@ -46,8 +46,10 @@ bool PluginModule::load(const std::string& path, std::string& explanation) {
   return true;
 }
 
+Plugin PluginModule::createPlugin() const { return {descriptor_->create(), descriptor_->destroy}; }
+
 Plugin PluginModule::makePlugin() const {
-  Plugin plugin(descriptor_->create(), descriptor_->destroy);
+  Plugin plugin = createPlugin();
   if (plugin && !plugin->init()) plugin.reset();
   return plugin;
 }

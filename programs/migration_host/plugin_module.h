@@ -16,6 +16,8 @@ class PluginModule {
   // Loads the module, `path` or by default the one that was built or installed with the program.
   // False with one line of explanation.
   bool load(const std::string& path, std::string& explanation);
+  // A new plug-in, before its `init`, to ask for its plan; may be null.
+  [[nodiscard]] Plugin createPlugin() const;
   // A new plug-in that has been initialised; null when its `init` answers false.
   [[nodiscard]] Plugin makePlugin() const;
   // For messages.
