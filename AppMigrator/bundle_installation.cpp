@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "AppMigrator/app_migrator.h"
+#include "AppMigrator/container_info.h"
 #include "AppMigrator/install_options.h"
 #include "AppMigrator/migrator_log.h"
 #include "file_operations/error_makers.h"
@@ -67,7 +68,7 @@ bool PLAppMigrator::_stageAndInstallBundleAtURL(const URL& bundle, const std::st
                                                 const std::optional<URL>& vpnPlugin,
                                                 const URL& container) {
   const PLFileManager& files = PLFileManager::defaultManager();
-  const URL staging = container.appending("Staging", URL::Kind::kDirectory);
+  const URL staging = container.appending(kStagingName, URL::Kind::kDirectory);
   const URL payload = staging.appending("Payload", URL::Kind::kDirectory);
   if (makeOwnDirectory(staging)) makeOwnDirectory(payload);
   Error error;

@@ -20,6 +20,9 @@ inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
 inline constexpr std::string_view kMigrationMarkerName =
     "com.orlix.pallion.container_migrator.plist";
 
+// Name of the directory in an old container in which its bundle is staged.
+inline constexpr std::string_view kStagingName = "Staging";
+
 // Whether an entry of that name, left in an old container that was migrated, is something that the
 // migration forgot. The marks of the installer are not.
 bool countsAsMissed(const std::string& name);

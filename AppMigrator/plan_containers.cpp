@@ -67,9 +67,10 @@ void MigrationPlanner::planContainer(Item& item, const QueuedContainer& queued) 
   const std::string identifier = *info.getString(kBundleIdentifierKey);
   item.line.set(plan::kIdentifier, text(identifier));
   item.line.set(plan::kContainerType, info.get(kContainerTypeKey));
-  for (const URL& file : {item.url.appending(kMigrationMarkerName, URL::Kind::kFile),
-                          bundle.appending("Info.plist", URL::Kind::kFile)}) {
-    identity_.addItem(file.fileSystemRepresentation());
+  identity_.addItem(bundle.appending("Info.plist", URL::Kind::kFile).fileSystemRepresentation());
+  for (const std::string_view name : {kMigrationMarkerName, kStagingName}) {
+    if (contains(item.entries, std::string(name)))
+      identity_.addItem(item.url.appending(name, URL::Kind::kFile).fileSystemRepresentation());
   }
 
   bool succeeds = planRecord(item, info, bundle);
@@ -140,7 +141,7 @@ InstallationQuestion MigrationPlanner::questionFor(const Item& item, const Dicti
                                                    std::vector<std::string>& staged,
                                                    std::string& failure) const {
   const PLFileManager& files = PLFileManager::defaultManager();
-  const URL staging = item.url.appending("Staging", URL::Kind::kDirectory);
+  const URL staging = item.url.appending(kStagingName, URL::Kind::kDirectory);
   const URL payload = staging.appending("Payload", URL::Kind::kDirectory);
   InstallationQuestion question;
   question.identifier = *info.getString(kBundleIdentifierKey);
@@ -154,11 +155,12 @@ InstallationQuestion MigrationPlanner::questionFor(const Item& item, const Dicti
     if (!path) continue;
     const std::string name = URL::fileURL(*path).lastPathComponent();
     if (name == "." || name == "..") failure = "\"" + name + "\" is no plain name";
-    if (name == "Staging") failure = "a bundle is named like the staging directory";
+    if (name == kStagingName) failure = "a bundle is named like the staging directory";
     // A marker may name what is no bundle at all.
     if (contains(item.entries, name) && !contains(userData, name)) names.push_back(name);
   }
-  Standing place = standingAt(staging);
+  Standing place = Standing::kNothing;
+  if (contains(item.entries, std::string(kStagingName))) place = standingAt(staging);
   if (place == Standing::kOther) failure = "what stands at Staging is no directory";
   if (place == Standing::kDirectory) {
     question.staging = staging.fileSystemRepresentation();
@@ -181,7 +183,7 @@ InstallationQuestion MigrationPlanner::questionFor(const Item& item, const Dicti
     question.bundles.emplace_back(item.url.fileSystemRepresentation(), name);
   }
   staged = std::move(names);
-  staged.emplace_back("Staging");
+  staged.emplace_back(kStagingName);
   return question;
 }
 

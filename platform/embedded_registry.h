@@ -115,6 +115,7 @@ class EmbeddedRegistry final : public Registry {
   std::unique_ptr<RegistryDatabase> database_;
   int lock_ = -1;  // open while this process may write
   std::vector<std::string> removedTrash_;
+  std::optional<Outcome> openedForForecast_;
   // Staging directories that were taken over but not recorded; only a forecast reads them.
   std::optional<std::vector<BundleFacts>> interruptedBundles_;
 };

@@ -46,9 +46,13 @@ Outcome EmbeddedRegistry::judgePackage(const StagedPackage& package, const std::
   return std::nullopt;
 }
 
+// A registry that is only read does not change under its reader's eyes.
 Outcome EmbeddedRegistry::openForForecast() {
-  if (Outcome failed = open()) return failed;
-  return database_ ? std::nullopt : judgeEmptyDatabase();
+  if (!openedForForecast_) {
+    openedForForecast_ = open();
+    if (!*openedForForecast_ && !database_) openedForForecast_ = judgeEmptyDatabase();
+  }
+  return *openedForForecast_;
 }
 
 std::optional<std::string> EmbeddedRegistry::forecastContainerDataProtection() {
