@@ -201,7 +201,7 @@ TEST(Plan, IsWhatTheRunIsHeldTo) {
   const ProcessOutcome unprivileged = device.host({"plan"}, kNobody);
   EXPECT_TRUE(unprivileged.status == 127 || idOf(unprivileged) == id) << unprivileged.err;
 
-  std::ofstream(file, std::ios::app) << "one more line";
+  std::ofstream(file) << "COM.EXAMPLE.CHANGING";  // of the same size
   const std::string newId = idOf(device.host({"plan"}));
   EXPECT_NE(newId, id);
   const TreeSnapshot before = device.snapshot();
