@@ -8,6 +8,7 @@
 #include "programs/migration_host/commands.h"
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/json_output.h"
+#include "programs/migration_host/plan.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ std::string summaryOfWrongUsage(int argc, char** argv) {
                        [word](const char* argument) { return word == argument; });
   };
   if (!has("--json")) return {};
+  if (has("plan")) return pallion::host::planJSON({}, pallion::kExitUsage);
   if (!has("snapshot") && !has("verify")) {
     return pallion::host::summaryJSON({}, pallion::kExitUsage);
   }

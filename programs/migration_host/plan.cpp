@@ -106,7 +106,7 @@ int showPlan(const Options& options) {
   const int status = plan ? statusOf(*plan) : std::get<int>(found);
   if (options.json) {
     print(planJSON(plan ? *plan : Dictionary(), status));
-  } else if (plan) {
+  } else if (plan && !options.quiet) {
     print(planTable(*plan));
   }
   return status;
