@@ -121,7 +121,7 @@ Outcome EmbeddedRegistry::forecastPackage(const InstallationQuestion& question,
   if (Outcome refused = inspectBundles(question.bundles, question.staging, package)) return refused;
   const BundleFacts* builtIn = nullptr;
   if (Outcome unreadable = builtIns_.find(identifier, builtIn)) return unreadable;
-  const Outcome refused =
+  Outcome refused =
       judgePackage(package, identifier, question.staging, row ? &*row : nullptr, builtIn);
   std::vector<std::string> groups;
   if (package.main && !refused) {
