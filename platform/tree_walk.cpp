@@ -70,7 +70,7 @@ const TreeWalkEntry* TreeWalk::next() {
 const TreeWalkEntry* TreeWalk::visit(const ItemReference& item, unsigned char type) {
   for (;;) {
     if (type == DT_DIR) {
-      const int descriptor = openDirectory(item.descriptor, item.name);
+      const int descriptor = openUnnoticed(item.descriptor, item.name, kOpenDirectory);
       if (descriptor >= 0) return visitDirectory(item, descriptor);
     }
     entry_.status = {};
@@ -110,7 +110,7 @@ bool TreeWalk::beginReading(Level& level) {
   if (level.reader.isOpen()) return listed();
   const bool isTop = levels_.size() == 1;
   const char* name = isTop ? topName_.c_str() : path_.c_str() + path_.rfind('/') + 1;
-  level.reader = DirectoryReader(openDirectory(descriptorAbove(), name));
+  level.reader = DirectoryReader(openUnnoticed(descriptorAbove(), name, kOpenDirectory));
   ItemStatus now;
   if (!level.reader.isOpen() || !readStatus({level.reader.descriptor()}, now)) return false;
   if (sameItem(now, level.status)) return listed();
@@ -157,15 +157,6 @@ bool TreeWalk::readNames(Level& level) {
   return true;
 }
 
-int TreeWalk::openDirectory(int parent, const char* name) const {
-  if (order_ == Order::kByName) {
-    const int descriptor = openat(parent, name, kOpenDirectory | O_NOATIME);
-    // Only the owner and who has the privilege may ask for it.
-    if (descriptor >= 0 || errno != EPERM) return descriptor;
-  }
-  return openat(parent, name, kOpenDirectory);
-}
-
 const TreeWalkEntry* TreeWalk::leave(TreeWalkEntry::Kind kind, int number) {
   if (!reopenAbove()) return fail(errno);
   entry_.status = levels_.back().status;
@@ -178,7 +169,8 @@ bool TreeWalk::reopenAbove() {
   if (levels_.size() < 2) return true;
   Level& above = levels_[levels_.size() - 2];
   if (above.reader.isOpen()) return true;
-  above.reader = DirectoryReader(openDirectory(levels_.back().reader.descriptor(), ".."));
+  above.reader =
+      DirectoryReader(openUnnoticed(levels_.back().reader.descriptor(), "..", kOpenDirectory));
   ItemStatus found;
   if (!above.reader.isOpen() || !readStatus({above.reader.descriptor()}, found)) return false;
   // The directory below may have been moved: then its ".." is anywhere.

@@ -84,7 +84,6 @@ class TreeWalk {
   bool nextName(Level& level);
   bool readAhead(Level& level);
   bool readNames(Level& level);
-  [[nodiscard]] int openDirectory(int parent, const char* name) const;
   const TreeWalkEntry* leave(TreeWalkEntry::Kind kind, int number);
   bool reopenAbove();
   const TreeWalkEntry* answer(TreeWalkEntry::Kind kind, const ItemReference& item, int number = 0);
