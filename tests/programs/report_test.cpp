@@ -17,8 +17,12 @@ const std::string kPage = kFolder + "/migration-report.html";
 
 ChildProcess::Setup host(const TemporaryRoot& root, const std::vector<std::string>& more = {}) {
   ChildProcess::Setup setup;
-  setup.arguments = {kBinaries + "/bin/migration-host", "--root", root.path(), "--plugin",
-                     kFakePlugin, "--progress=none"};
+  setup.arguments = {kBinaries + "/bin/migration-host",
+                     "--root",
+                     root.path(),
+                     "--plugin",
+                     kFakePlugin,
+                     "--progress=none"};
   setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
   setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
   return setup;
