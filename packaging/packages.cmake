@@ -13,6 +13,8 @@ foreach(package_and_component pallion:runtime libpallion-dev:development)
   install(FILES packaging/copyright ${CMAKE_BINARY_DIR}/changelog.Debian.gz DESTINATION share/doc/${package}
           COMPONENT ${component})
 endforeach()
+# What --json prints.
+install(FILES docs/json-lines.schema.json DESTINATION share/doc/pallion COMPONENT runtime)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME pallion)
