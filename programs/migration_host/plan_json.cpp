@@ -52,7 +52,7 @@ std::string planJSON(const Dictionary& plan, int exitStatus) {
                         {"planId", jsonOf(plan.get(plan::kId))},
                         {"result", jsonOf(plan.get(plan::kResult))},
                         {"nothingToMigrate", jsonOf(plan.get(plan::kNothingToMigrate))},
-                        {"containers", counts.containers},
+                        {"items", counts.containers},
                         {"migrated", counts.migrated},
                         {"failed", counts.failed},
                         {"removed", counts.removed},
