@@ -12,10 +12,12 @@ namespace {
 constexpr double kMemory = 3;
 // Without a byte for longer, what is told is not the speed of copying.
 constexpr double kStillMoving = 2;
+// The share of the work from which the time that it took is believed at once.
+constexpr double kTellingShare = 0.05;
 
 std::optional<double> secondsLeft(double progress, const ProgressSample& sample) {
-  // In the first moments a share of the work says little about its speed.
-  if (progress >= 1 || (progress > 0 && sample.seconds >= 1))
+  // In the first moments a small share of the work says little about its speed.
+  if (progress >= kTellingShare || (progress > 0 && sample.seconds >= 1))
     return sample.seconds * (1 - progress) / progress;
   if (!(sample.estimatedDuration > 0)) return std::nullopt;
   return std::max(0.0, sample.estimatedDuration - sample.seconds);
