@@ -20,10 +20,10 @@ TEST(ProgressMoments, NeverGoBackAndKnowSpeedAndTime) {
     uint64_t bytes;
     size_t finished;
     double progress, left, bytesPerSecond;
-  } steps[] = {{0, NAN, 0, 0, -1, 20, kNone},        {0.5, 0.25, 0, 0, 0.25, 19.5, kNone},
-               {4, 0.5, 8000, 2, 0.5, 4, 1574},      {4, 0.5, 8000, 2, 0.5, 4, 1574},
-               {8, 0.4, 8000, 4, 0.5, 8, kNone},     {9, INFINITY, 8000, 4, 1, 0, kNone},
-               {10, -INFINITY, 9000, 4, 1, 0, 496.5}};
+  } steps[] = {{0, NAN, 0, 0, -1, 20, kNone},       {0.5, 0.04, 0, 0, 0.04, 19.5, kNone},
+               {0.5, 0.25, 0, 0, 0.25, 1.5, kNone}, {4, 0.5, 8000, 2, 0.5, 4, 1574},
+               {4, 0.5, 8000, 2, 0.5, 4, 1574},     {8, 0.4, 8000, 4, 0.5, 8, kNone},
+               {9, INFINITY, 8000, 4, 1, 0, kNone}, {10, -INFINITY, 9000, 4, 1, 0, 496.5}};
   ProgressTracker tracker;
   for (const auto& step : steps) {
     SCOPED_TRACE(step.seconds);
