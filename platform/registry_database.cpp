@@ -1,13 +1,6 @@
 #include "platform/registry_database.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <mutex>
 #include <sqlite3.h>
-#include <string_view>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
 #include "foundation/url.h"
@@ -37,40 +30,6 @@ constexpr const char* kTables =
     "CREATE TABLE pending_harbors(uuid TEXT PRIMARY KEY, identifier TEXT NOT NULL, source TEXT NOT "
     "NULL,"
     " type INTEGER NOT NULL) STRICT, WITHOUT ROWID;";
-
-// What SQLite may do to files on this thread. It opens the log and its index for a reader, too, as
-// if they were to be written, and makes what is missing of them.
-enum class Files { kWrites, kReads, kReadsWithOwnIndex };
-thread_local Files filesAre = Files::kWrites;
-
-int openFile(const char* path, int flags, int mode) {
-  const std::string_view name = path;
-  const bool ownIndex = filesAre == Files::kReadsWithOwnIndex;
-  if (ownIndex && name.ends_with("-shm")) return memfd_create("index", MFD_CLOEXEC);
-  if (filesAre != Files::kWrites) flags &= ~(O_CREAT | O_EXCL | O_ACCMODE);  // O_RDONLY is 0
-  // Without access times where that is permitted.
-  const auto permissions = static_cast<mode_t>(mode);
-  int descriptor = open(path, flags | O_NOATIME, permissions);
-  if (descriptor < 0 && errno == EPERM) descriptor = open(path, flags, permissions);
-  const bool isLost = descriptor < 0 && errno == ENOENT && ownIndex && name.ends_with("-wal");
-  return isLost ? memfd_create("log", MFD_CLOEXEC) : descriptor;
-}
-
-// Log and index get the owner of the database, which they have already but for the first time.
-int changeOwner(int descriptor, uid_t owner, gid_t group) {
-  struct stat status {};
-  const bool isRight =
-      fstat(descriptor, &status) == 0 && status.st_uid == owner && status.st_gid == group;
-  return isRight || filesAre != Files::kWrites ? 0 : fchown(descriptor, owner, group);
-}
-
-void replaceSystemCalls() {
-  sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
-  if (!files || files->iVersion < 3) return;
-  // SQLite keeps its system calls as functions of one type and casts them back itself.
-  files->xSetSystemCall(files, "open", reinterpret_cast<sqlite3_syscall_ptr>(openFile));
-  files->xSetSystemCall(files, "fchown", reinterpret_cast<sqlite3_syscall_ptr>(changeOwner));
-}
 
 int rememberLogPages(void* pages, sqlite3*, const char*, int count) {
   *static_cast<int*>(pages) = count;
@@ -171,30 +130,31 @@ std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path
   std::unique_ptr<RegistryDatabase> database(new RegistryDatabase(path));
   bool empty = false;
   if (access == Access::kReadWrite) {
+    const RegistryFilesScope scope(RegistryFiles::kWritten);
     const bool opened = database->connect(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "") &&
                         database->examine(empty) &&
                         ((empty && ifEmpty == IfEmpty::kAnswerNull) ||
                          (database->prepareToWrite() && (!empty || database->makeTables())));
     if (!opened) failure = database->failure_;
-  } else if (filesAre = Files::kReads;
-             !database->connect(SQLITE_OPEN_READONLY, "?readonly_shm=1") ||
-             !database->examine(empty)) {
+  } else if (!database->connectToRead(RegistryFiles::kRead, empty)) {
     // A reader leaves the log's index alone that a killed writer has left. Where there is none
     // (removed, or lost with the power), SQLite makes one, here in memory.
-    const bool indexMissing = sqlite3_errcode(database->handle_) == SQLITE_CANTOPEN;
-    failure = database->failure_;
-    if (indexMissing) {
+    if (sqlite3_errcode(database->handle_) == SQLITE_CANTOPEN) {
       database.reset(new RegistryDatabase(path));
-      failure.reset();
-      filesAre = Files::kReadsWithOwnIndex;
-      if (!database->connect(SQLITE_OPEN_READONLY, "") || !database->examine(empty))
+      if (!database->connectToRead(RegistryFiles::kReadWithOwnIndex, empty))
         failure = database->failure_;
+    } else {
+      failure = database->failure_;
     }
   }
-  // Every file is open by now.
-  filesAre = Files::kWrites;
   if (failure || (empty && ifEmpty == IfEmpty::kAnswerNull)) return nullptr;
   return database;
+}
+
+bool RegistryDatabase::connectToRead(RegistryFiles files, bool& empty) {
+  const RegistryFilesScope scope(files);
+  const char* const parameters = files == RegistryFiles::kRead ? "?readonly_shm=1" : "";
+  return connect(SQLITE_OPEN_READONLY, parameters) && examine(empty);
 }
 
 RegistryDatabase::~RegistryDatabase() {
@@ -220,8 +180,6 @@ bool RegistryDatabase::fail() {
 }
 
 bool RegistryDatabase::connect(int flags, const char* parameters) {
-  static std::once_flag replaced;
-  std::call_once(replaced, replaceSystemCalls);
   const std::string location = URL::fileURL(path_).absoluteString() + parameters;
   const int result = sqlite3_open_v2(location.c_str(), &handle_,
                                      flags | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);

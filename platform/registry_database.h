@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/registry_files.h"
 #include "platform/registry_refusal.h"
 
 struct sqlite3;
@@ -108,6 +109,7 @@ class RegistryDatabase {
   explicit RegistryDatabase(std::string path) : path_(std::move(path)) {}
 
   bool connect(int flags, const char* parameters);
+  bool connectToRead(RegistryFiles files, bool& empty);
   bool examine(bool& empty);
   bool prepareToWrite();
   bool makeTables();
