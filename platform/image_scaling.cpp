@@ -60,7 +60,9 @@ Pixel premultiplied(const uint8_t* bytes) {
 
 void store(const Pixel& pixel, uint8_t* bytes) {
   const auto rounded = [](float value) {
-    return static_cast<uint8_t>(std::clamp(value, 0.0F, 255.0F) + 0.5F);
+    // Of what is not negative the part before the point, without a call for each.
+    const float raised = std::clamp(value, 0.0F, 255.0F) + 0.5F;
+    return static_cast<uint8_t>(raised);
   };
   const float factor = pixel[3] > 0 ? 255 / pixel[3] : 0;
   for (size_t channel = 0; channel < 3; ++channel)
