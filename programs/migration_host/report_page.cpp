@@ -34,8 +34,8 @@ const char* stateOf(const Report& report) {
 }
 
 std::string subtitle(const Report& report) {
-  std::string began = timeText(report.run.began);
-  began = began.substr(0, 10) + " " + began.substr(11, 8) + " UTC";
+  const std::string time = timeText(report.run.began);
+  const std::string began = time.substr(0, 10) + " " + time.substr(11, 8) + " UTC";
   return "Migration of <bdi>" + html(report.root) + "</bdi>, begun " + began + ", exit status " +
          std::to_string(report.exitStatus) + ", migration-host " PALLION_VERSION;
 }
