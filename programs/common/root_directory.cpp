@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "programs/common/console.h"
+
 namespace pallion {
 
 namespace {
@@ -64,6 +66,13 @@ int RootDirectory::enter() {
   }
   unsetenv("TMPDIR");
   return errorOf(chdir("/"));
+}
+
+bool RootDirectory::openAndEnter(const std::string& path) {
+  int error = open(path);
+  if (error == 0) error = enter();
+  if (error != 0) complain(path, error);
+  return error == 0;
 }
 
 }  // namespace pallion

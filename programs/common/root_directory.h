@@ -21,6 +21,8 @@ class RootDirectory {
   // of a user and mount namespace of its own for it, so there must be no other thread yet. 0 or the
   // errno of what failed. When it is another directory than "/", the caller's TMPDIR is forgotten.
   int enter();
+  // Opens and enters it, for questions, which need no lock. False after one line on standard error.
+  bool openAndEnter(const std::string& path);
 
  private:
   int descriptor_ = -1;

@@ -39,12 +39,7 @@ std::string appsTable(const std::vector<BundleProxy>& applications,
 int showApps(const Options& options) {
   const int log = openLogOfQuestion(options);
   RootDirectory root;
-  int error = root.open(options.root);
-  if (error == 0) error = root.enter();
-  if (error != 0) {
-    complain(options.root, error);
-    return kExitUsage;
-  }
+  if (!root.openAndEnter(options.root)) return kExitUsage;
   const HostLogs logs(options, log, nullptr, nullptr);
   const std::unique_ptr<Registry> registry = Registry::atRoot(URL(), Registry::Access::kReadOnly);
   Error cause;

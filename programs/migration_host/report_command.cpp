@@ -56,12 +56,7 @@ bool readReport(const Options& options, std::string& text, std::string& explanat
 
 int show(const Options& options) {
   RootDirectory root;
-  int error = root.open(options.root);
-  if (error == 0) error = root.enter();
-  if (error != 0) {
-    complain(options.root, error);
-    return kExitUsage;
-  }
+  if (!root.openAndEnter(options.root)) return kExitUsage;
   std::string text;
   std::string explanation;
   if (!readReport(options, text, explanation)) {

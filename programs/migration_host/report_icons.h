@@ -14,7 +14,4 @@ std::vector<std::string> containerIcons(const RunRecord& record);
 
 inline constexpr size_t kIconsMaximumBytes = size_t{1} << 20;
 
-// RFC 4648, section 4.
-std::string base64(std::string_view bytes);
-
 }  // namespace pallion::host

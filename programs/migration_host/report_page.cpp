@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "platform/sha256.h"
+#include "programs/common/base64.h"
 #include "programs/migration_host/page_lines.h"
 #include "programs/migration_host/page_text.h"
 #include "programs/migration_host/report.h"

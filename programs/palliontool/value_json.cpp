@@ -5,30 +5,13 @@
 #include <set>
 
 #include "platform/text_escape.h"
+#include "programs/common/base64.h"
 
 namespace pallion::tool {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// RFC 4648, with padding.
-std::string base64(const std::string& bytes) {
-  constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t count = std::min<size_t>(3, bytes.size() - i);
-    uint32_t group = 0;
-    for (size_t j = 0; j < 3; ++j) {
-      group = group << 8 | (j < count ? static_cast<unsigned char>(bytes[i + j]) : 0U);
-    }
-    for (size_t j = 0; j < 4; ++j) {
-      out += j <= count ? kDigits[group >> (18 - 6 * j) & 63] : '=';
-    }
-  }
-  return out;
-}
 
 // Makes the JSON value; remembers the first reason why there is none.
 class Converter {

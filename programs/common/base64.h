@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace pallion {
+
+// RFC 4648, with padding.
+std::string base64(std::string_view bytes);
+
+}  // namespace pallion
