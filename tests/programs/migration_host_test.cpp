@@ -294,15 +294,5 @@ TEST(MigrationHostApps, ChangesNothingAndNamesTheCauseOfAFailure) {
   EXPECT_NE(damaged.err.find("/" + database), std::string::npos) << damaged.err;
 }
 
-TEST(MigrationHostHelp, IsPrintedBeforeAnythingIsDone) {
-  const TemporaryRoot root;
-  for (const char* option : {"--help", "--version"}) {
-    const ProcessOutcome outcome = run(root, "", {option});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_NE(outcome.out.find("migration-host"), std::string::npos) << outcome.out;
-  }
-  EXPECT_FALSE(exists(root / "calls"));
-}
-
 }  // namespace
 }  // namespace pallion::test
