@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "programs/common/console.h"
+#include "programs/common/link_guard.h"
 
 namespace pallion {
 
@@ -39,28 +40,32 @@ int becomeRootOfNamespace() {
 
 }  // namespace
 
-RootDirectory::~RootDirectory() {
-  if (descriptor_ >= 0) close(descriptor_);
-}
-
 int RootDirectory::open(const std::string& path) {
-  descriptor_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  return errorOf(descriptor_);
+  path_ = path;
+  directory_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return errorOf(directory_.get());
 }
 
-int RootDirectory::lock() { return errorOf(flock(descriptor_, LOCK_EX | LOCK_NB)); }
+int RootDirectory::lock() { return errorOf(flock(directory_.get(), LOCK_EX | LOCK_NB)); }
 
-int RootDirectory::enter() {
+int RootDirectory::approach(Links links) {
+  UniqueDescriptor entrance;
+  if (links == Links::kRefused) linkError_ = guardAgainstLinks(directory_.get(), path_, entrance);
+  // Refused here already when the directory may not be searched.
+  return errorOf(fchdir(entrance ? entrance.get() : directory_.get()));
+}
+
+int RootDirectory::enter(Links links) {
   struct stat wanted {};
   struct stat present {};
-  if (fstat(descriptor_, &wanted) != 0 || stat("/", &present) != 0) return errno;
+  if (fstat(directory_.get(), &wanted) != 0 || stat("/", &present) != 0) return errno;
+  if (int error = approach(links)) return error;
   if (wanted.st_dev == present.st_dev && wanted.st_ino == present.st_ino)
     return errorOf(chdir("/"));
-  // Refused here already when the directory may not be searched.
-  if (fchdir(descriptor_) != 0) return errno;
   if (chroot(".") != 0) {
     if (errno != EPERM) return errno;
-    const int error = becomeRootOfNamespace();
+    int error = becomeRootOfNamespace();
+    if (error == 0) error = approach(links);
     if (error != 0) return error;
     if (chroot(".") != 0) return errno;
   }

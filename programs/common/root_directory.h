@@ -2,15 +2,18 @@
 
 #include <string>
 
+#include "foundation/unique_descriptor.h"
+
 namespace pallion {
 
 // The directory that a program works on as "/".
 class RootDirectory {
  public:
-  RootDirectory() = default;
-  RootDirectory(const RootDirectory&) = delete;
-  RootDirectory& operator=(const RootDirectory&) = delete;
-  ~RootDirectory();
+  enum class Links {
+    kFollowed,
+    // Not by this process, where applications stand (programs/common/link_guard.h).
+    kRefused,
+  };
 
   // Opens it. 0 or the errno of what failed.
   int open(const std::string& path);
@@ -20,12 +23,20 @@ class RootDirectory {
   // Makes it the process's root and working directory. A process without the privilege becomes root
   // of a user and mount namespace of its own for it, so there must be no other thread yet. 0 or the
   // errno of what failed. When it is another directory than "/", the caller's TMPDIR is forgotten.
-  int enter();
+  // Where links can't be refused they are followed.
+  int enter(Links links = Links::kFollowed);
+  // What kept links from being refused: 0 or an errno. After `enter`.
+  [[nodiscard]] int linkError() const { return linkError_; }
   // Opens and enters it, for questions, which need no lock. False after one line on standard error.
   bool openAndEnter(const std::string& path);
 
  private:
-  int descriptor_ = -1;
+  // Refuses links, if so wanted, and makes the directory the working directory.
+  int approach(Links links);
+
+  std::string path_;
+  UniqueDescriptor directory_;
+  int linkError_ = 0;
 };
 
 }  // namespace pallion

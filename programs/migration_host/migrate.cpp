@@ -8,13 +8,12 @@
 #include "platform/registry.h"
 #include "platform/service_transactions.h"
 #include "programs/common/console.h"
-#include "programs/common/root_directory.h"
 #include "programs/migration_host/commands.h"
 #include "programs/migration_host/exit_status.h"
 #include "programs/migration_host/host_logs.h"
 #include "programs/migration_host/interrupt_watch.h"
+#include "programs/migration_host/migrator_root.h"
 #include "programs/migration_host/plan.h"
-#include "programs/migration_host/plugin_module.h"
 #include "programs/migration_host/progress_display.h"
 #include "programs/migration_host/progress_views.h"
 #include "programs/migration_host/report.h"
@@ -74,30 +73,9 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
   }
   const Journal journal(kJournalSocket);
   ProgressViews views = viewsFor(options, report, notifier);
-  RootDirectory root;
-  int error = root.open(options.root);
-  if (error == 0) error = root.lock();
-  if (error == EWOULDBLOCK) {
-    complain(options.root + ": another run is at work here");
-    return kExitLocked;
-  }
-  if (error != 0) {
-    complain(options.root, error);
-    return kExitUsage;
-  }
-  PluginModule module;
-  std::string explanation;
-  if (!module.load(options.plugin, explanation)) {
-    complain(explanation);
-    return kExitNoMigrator;
-  }
-  error = root.enter();
-  if (error != 0) {
-    complain(options.root + ": can't become the root", error);
-    return kExitUsage;
-  }
-
-  if (!options.expectedPlan.empty() && !planIsExpected(options, module)) return kExitLocked;
+  MigratorRoot root;
+  if (const int refused = root.enter(options, MigratorRoot::Use::kRun)) return refused;
+  if (!options.expectedPlan.empty() && !planIsExpected(options, root.module())) return kExitLocked;
   const HostLogs logs(options, log, &journal, &report);
   // `--log` keeps all that a run has to say out of the root.
   const auto keepReport = [&](int exitStatus) {
@@ -109,7 +87,7 @@ int run(const Options& options, RunReport& report, ServiceNotifier& notifier) {
     report.finishInterrupted(exitStatus);
     notifier.ended(exitStatus);
   });
-  const int status = runMigrator(module, report, std::move(views));
+  const int status = runMigrator(root.module(), report, std::move(views));
   // What runs inside an open transaction ends before the process does; not for ever, though.
   ServiceTransactions::waitUntilIdle(kLongestTransaction);
   // Before the lock goes, so that the next run finds the registry at rest.

@@ -8,9 +8,9 @@
 #include "platform/product_log.h"
 #include "platform/registry.h"
 #include "programs/common/console.h"
-#include "programs/common/root_directory.h"
 #include "programs/migration_host/commands.h"
 #include "programs/migration_host/exit_status.h"
+#include "programs/migration_host/migrator_root.h"
 
 namespace pallion::host {
 
@@ -57,24 +57,11 @@ std::string idOf(const std::optional<Dictionary>& plan) {
 
 // The plan, or a line on standard error and the exit status that goes with it.
 std::variant<Dictionary, int> planOfRoot(const Options& options) {
-  RootDirectory root;
-  if (const int error = root.open(options.root); error != 0) {
-    complain(options.root, error);
-    return kExitUsage;
-  }
-  PluginModule module;
-  std::string explanation;
-  if (!module.load(options.plugin, explanation)) {
-    complain(explanation);
-    return kExitNoMigrator;
-  }
-  if (const int error = root.enter(); error != 0) {
-    complain(options.root + ": can't become the root", error);
-    return kExitUsage;
-  }
-  std::optional<Dictionary> plan = makePlan(module);
+  MigratorRoot root;
+  if (const int refused = root.enter(options, MigratorRoot::Use::kQuestion)) return refused;
+  std::optional<Dictionary> plan = makePlan(root.module());
   if (plan) return std::move(*plan);
-  complain(module.path() + ": tells no plan");
+  complain(root.module().path() + ": tells no plan");
   return kExitNoMigrator;
 }
 

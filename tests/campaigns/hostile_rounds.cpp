@@ -218,7 +218,8 @@ class OwnershipRounds : public OwnTree {
   uint64_t operations_ = 0;
 };
 
-// The old containers of a device, each directory in them. Outside the device no link leads, since
+// The old containers of a device and each directory in them, or the directories that the run makes
+// in them, which are there for a moment each. Outside the device no link leads, since
 // it is the root of the run; one canary is in it, another one outside.
 class MigrationRounds : public Rounds {
  public:
@@ -238,12 +239,13 @@ class MigrationRounds : public Rounds {
     for (const auto& entry : fs::recursive_directory_iterator(root_ / "original" + kContainers)) {
       const std::string relative =
           fs::relative(entry.path(), root_ / "original" + kContainers).string();
+      if (!entry.is_directory() || entry.is_symlink()) continue;
+      directories_.push_back(relative);
       const bool isContainer = relative.find('/') == std::string::npos;
-      if (!isContainer && entry.is_directory() && !entry.is_symlink()) {
-        directories_.push_back(relative);
-      }
+      if (isContainer) stagings_.push_back(relative + "/Staging");
     }
     copy("original" + kContainers, "original" + kCanary);
+    root_.makeDirectory("original" + kCanary + "/empty");
     copy("original" + kContainers, "canary");
   }
 
@@ -254,6 +256,12 @@ class MigrationRounds : public Rounds {
     copy("original", "device");
     canaryIsComplete();
     std::vector<SwappedPair> pairs;
+    if (round % 4 == 2) {
+      for (const std::string& staging : stagings_) {
+        pairs.push_back(pairFor("device" + kContainers + "/" + staging, kCanary + "/empty"));
+      }
+      return pairs;
+    }
     for (const std::string& directory : directories_) {
       // In most rounds many are spared, so that the run gets further.
       if (round % 4 != 0 && random_.below(8) != 0) continue;
@@ -297,6 +305,7 @@ class MigrationRounds : public Rounds {
   static constexpr int kRemainsWidth = 5;
 
   std::vector<std::string> directories_;
+  std::vector<std::string> stagings_;
   SeededRandom random_{1};
   std::string broken_;
 };
