@@ -3,8 +3,8 @@
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/embedded_registry.h"
 #include "platform/product_log.h"
 #include "platform/protection_class.h"
@@ -27,6 +27,14 @@ URL directoryURL(const std::string& path) { return URL::fileURL(path, URL::Kind:
 bool isDirectory(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Gives a data container its class. 0 or an errno.
+int protectDirectory(const std::string& path) {
+  const UniqueDescriptor directory(
+      open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) return errno;
+  return ProtectionClass::current().set(directory.get(), kDataContainerClass) == 0 ? 0 : errno;
 }
 
 }  // namespace
@@ -173,12 +181,10 @@ Outcome EmbeddedRegistry::setDataProtection(bool builtInToo) {
     }
     if (builtIn) continue;
     const std::string path = containers_.place(Kind::kData, row.data);
-    int number = containers_.ensure(Kind::kData, row.data);
-    if (number == 0) {
-      const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (descriptor < 0 || ProtectionClass::current().set(descriptor, kDataContainerClass) != 0)
-        number = errno;
-      if (descriptor >= 0) ::close(descriptor);
+    int number = protectDirectory(path);
+    if (number == ENOENT) {
+      number = containers_.ensure(Kind::kData, row.data);
+      if (number == 0) number = protectDirectory(path);
     }
     if (number != 0 && !first) {
       first = Refusal{RegistryErrorCode::kInstallation, "Setting the protection class of " + path,
