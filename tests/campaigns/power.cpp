@@ -132,7 +132,7 @@ class PoweredDevice {
   }
 
   static void run(const std::vector<std::string>& arguments) {
-    const ProcessOutcome outcome = runProcess({.arguments = arguments, .environment = {}});
+    const ProcessOutcome outcome = runProcess({.arguments = arguments});
     if (outcome.status == 0) return;
     std::fprintf(stderr, "campaign: %s: %s\n", arguments[0].c_str(), outcome.err.c_str());
     std::exit(2);

@@ -22,15 +22,16 @@ int checked(int result, const char* what) {
   std::abort();
 }
 
-int openTerminal(unsigned short columns, std::string& name) {
+void setColumns(int terminal, unsigned short columns) {
+  const winsize size{.ws_row = 24, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
+  checked(ioctl(terminal, TIOCSWINSZ, &size), "TIOCSWINSZ");
+}
+
+int openTerminal(unsigned short columns) {
   const int master = checked(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt");
   checked(grantpt(master), "grantpt");
   checked(unlockpt(master), "unlockpt");
-  winsize size{};
-  size.ws_col = columns;
-  size.ws_row = 24;
-  checked(ioctl(master, TIOCSWINSZ, &size), "TIOCSWINSZ");
-  name = ptsname(master);
+  setColumns(master, columns);
   return master;
 }
 
@@ -39,6 +40,7 @@ int openTerminal(unsigned short columns, std::string& name) {
 std::string readUp(int descriptor) {
   std::string out;
   char buffer[4096];
+  lseek(descriptor, 0, SEEK_SET);
   while (true) {
     const ssize_t length = read(descriptor, buffer, sizeof buffer);
     if (length < 0 && errno == EINTR) continue;
@@ -50,23 +52,19 @@ std::string readUp(int descriptor) {
 }  // namespace
 
 ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.terminalColumns != 0) {
-  output_ = checked(memfd_create("output", MFD_CLOEXEC), "memfd_create");
-  std::string terminal;
-  int childErrors = -1;
-  if (errorsAreTerminal_) {
-    errors_ = openTerminal(setup.terminalColumns, terminal);
-    childErrors = checked(open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "terminal");
-  } else {
-    errors_ = checked(memfd_create("errors", MFD_CLOEXEC), "memfd_create");
-    childErrors = checked(fcntl(errors_, F_DUPFD_CLOEXEC, 0), "dup");
-  }
-  int childOutput = checked(fcntl(output_, F_DUPFD_CLOEXEC, 0), "dup");
+  output_.reset(checked(memfd_create("output", MFD_CLOEXEC), "memfd_create"));
+  errors_.reset(errorsAreTerminal_ ? openTerminal(setup.terminalColumns)
+                                   : checked(memfd_create("errors", MFD_CLOEXEC), "memfd_create"));
+  UniqueDescriptor childErrors(
+      checked(errorsAreTerminal_ ? open(ptsname(errors_.get()), O_RDWR | O_NOCTTY | O_CLOEXEC)
+                                 : fcntl(errors_.get(), F_DUPFD_CLOEXEC, 0),
+              "standard error"));
+  UniqueDescriptor childOutput(checked(fcntl(output_.get(), F_DUPFD_CLOEXEC, 0), "dup"));
   if (setup.output == Output::kBrokenPipe) {
     int ends[2];
     checked(pipe2(ends, O_CLOEXEC), "pipe");
     close(ends[0]);
-    close(childOutput);
-    childOutput = ends[1];
+    childOutput.reset(ends[1]);
   }
   std::vector<char*> arguments;
   for (const std::string& argument : setup.arguments)
@@ -78,9 +76,9 @@ ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.termin
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (const std::string& entry : setup.environment) putenv(const_cast<char*>(entry.c_str()));
     if (setup.ignoredSignal != 0) std::signal(setup.ignoredSignal, SIG_IGN);
-    dup2(childOutput, STDOUT_FILENO);
+    dup2(childOutput.get(), STDOUT_FILENO);
     if (setup.output == Output::kClosed) close(STDOUT_FILENO);
-    dup2(childErrors, STDERR_FILENO);
+    dup2(childErrors.get(), STDERR_FILENO);
     if (setup.third == 3) fcntl(3, F_SETFD, 0);
     if (setup.third >= 0) dup2(setup.third, 3);
     if (setup.user &&
@@ -88,46 +86,35 @@ ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.termin
          setresuid(*setup.user, *setup.user, *setup.user) != 0)) {
       _exit(126);
     }
+    if (setup.beforeProgram) setup.beforeProgram();
     execv(arguments[0], arguments.data());
     _exit(127);
   }
-  close(childOutput);
-  close(childErrors);
 }
 
 ChildProcess::~ChildProcess() {
-  if (process_ > 0) {
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
-  }
-  close(output_);
-  close(errors_);
+  if (process_ <= 0) return;
+  kill(process_, SIGKILL);
+  waitpid(process_, nullptr, 0);
 }
 
 void ChildProcess::signal(int number) const { kill(process_, number); }
 
 void ChildProcess::resizeTerminal(unsigned short columns) const {
-  winsize size{};
-  size.ws_col = columns;
-  size.ws_row = 24;
-  checked(ioctl(errors_, TIOCSWINSZ, &size), "TIOCSWINSZ");
+  setColumns(errors_.get(), columns);
 }
 
 ProcessOutcome ChildProcess::wait() {
   ProcessOutcome outcome;
   // A terminal holds few bytes, so it is read while the program runs.
-  if (errorsAreTerminal_) outcome.err = readUp(errors_);
+  if (errorsAreTerminal_) outcome.err = readUp(errors_.get());
   int status = 0;
   while (waitpid(process_, &status, 0) < 0 && errno == EINTR) {
   }
   process_ = -1;
   outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  lseek(output_, 0, SEEK_SET);
-  outcome.out = readUp(output_);
-  if (!errorsAreTerminal_) {
-    lseek(errors_, 0, SEEK_SET);
-    outcome.err = readUp(errors_);
-  }
+  outcome.out = readUp(output_.get());
+  if (!errorsAreTerminal_) outcome.err = readUp(errors_.get());
   return outcome;
 }
 

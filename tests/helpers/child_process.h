@@ -1,9 +1,12 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+#include "foundation/unique_descriptor.h"
 
 namespace pallion::test {
 
@@ -18,13 +21,14 @@ class ChildProcess {
  public:
   enum class Output { kCaptured, kBrokenPipe, kClosed };
   struct Setup {
-    std::vector<std::string> arguments;    // the program's path first
-    std::vector<std::string> environment;  // "NAME=value", added to ours
-    Output output = Output::kCaptured;     // what standard output is
+    std::vector<std::string> arguments;      // the program's path first
+    std::vector<std::string> environment{};  // "NAME=value", added to ours
+    Output output = Output::kCaptured;       // what standard output is
     unsigned short terminalColumns = 0;  // other than 0: standard error is a terminal of that width
     int third = -1;  // an open descriptor that becomes the program's descriptor 3; -1 for none
-    std::optional<uid_t> user{};  // runs as that user and group, without privileges
-    int ignoredSignal = 0;        // 0 for none
+    std::optional<uid_t> user{};            // runs as that user and group, without privileges
+    int ignoredSignal = 0;                  // 0 for none
+    std::function<void()> beforeProgram{};  // called in the child, last before it is replaced
   };
 
   explicit ChildProcess(const Setup& setup);
@@ -33,6 +37,7 @@ class ChildProcess {
   // Kills it if it still runs.
   ~ChildProcess();
 
+  [[nodiscard]] pid_t id() const { return process_; }
   void signal(int number) const;
   // Gives the terminal another width.
   void resizeTerminal(unsigned short columns) const;
@@ -41,8 +46,8 @@ class ChildProcess {
 
  private:
   pid_t process_ = -1;
-  int output_ = -1;
-  int errors_ = -1;
+  UniqueDescriptor output_;
+  UniqueDescriptor errors_;
   bool errorsAreTerminal_ = false;
 };
 

@@ -24,14 +24,18 @@ const char* const kUserData[] = {"Documents", "Library", "tmp", "Tillbox"};
 const char* const kMetadata[] = {"Manifest.plist", "BriscaArtwork", "BriscaMetadata.plist",
                                  "GeoJSON"};
 
-// The installer marks bundles with attributes of its own; everything inside must be as it was.
+bool isBundleName(const std::string& name) {
+  return name.ends_with(".app") || name.ends_with(".vpnplugin");
+}
+
 TreeSnapshot withoutTop(TreeSnapshot snapshot) {
   snapshot.erase(".");
   return snapshot;
 }
 
-bool isBundleName(const std::string& name) {
-  return name.ends_with(".app") || name.ends_with(".vpnplugin");
+// The installer marks bundles with attributes of its own; everything inside must be as it was.
+TreeSnapshot itemAt(const std::string& path) {
+  return isBundleName(path) ? withoutTop(snapshotTree(path)) : snapshotTree(path);
 }
 
 size_t entriesOf(const std::string& directory) {
@@ -53,16 +57,6 @@ void entriesBelow(const std::string& directory, int depth,
   }
 }
 
-std::vector<std::string> groupsOf(const Dictionary& info) {
-  std::vector<std::string> groups;
-  if (const Value list = info.get(kQXApplicationGroups); list.asArray()) {
-    for (const Value& group : *list.asArray()) {
-      if (group.asString()) groups.push_back(*group.asString());
-    }
-  }
-  return groups;
-}
-
 }  // namespace
 
 DeviceState::DeviceState(const std::string& root) {
@@ -76,7 +70,7 @@ DeviceState::DeviceState(const std::string& root) {
         const std::string group = root + *entry.asDictionary()->getString("Container");
         groups_[*identifier.asString()] = withoutTop(snapshotTree(group));
         entriesBelow(group, 1, [this](const fs::path& path) {
-          items_.emplace(path.filename(), snapshotTree(path));
+          items_.emplace(path.filename(), itemAt(path));
         });
       }
     }
@@ -91,52 +85,47 @@ DeviceState::DeviceState(const std::string& root) {
   }
 }
 
-void DeviceState::readBundle(const std::string& path, Application& application) {
-  const auto info = readDictionaryFile(URL::fileURL(path + "/Info.plist")).value_or(Dictionary());
-  application.groups = groupsOf(info);
-  application.placeholder = PLFileManager::defaultManager().bundleAtURLIsPlaceholder(
-      URL::fileURL(path, URL::Kind::kDirectory));
-  application.bundleName = fs::path(path).filename();
-  application.bundle = withoutTop(snapshotTree(path));
-  // A placeholder's bundle is only the installer's to make.
-  if (!application.placeholder) items_.emplace(application.bundleName, application.bundle);
-  const std::string* identifier = info.getString(kQXBundleIdentifier);
-  if (identifier) applications_[*identifier] = application;
-}
-
 void DeviceState::readContainer(const std::string& container) {
-  Application main;
+  Application own;
   for (const char* name : kUserData) {
     if (!exists(container + "/" + name)) continue;
-    main.userData[name] = snapshotTree(container + "/" + name);
-    items_.emplace(name, main.userData[name]);
+    items_.emplace(name, own.data[name] = itemAt(container + "/" + name));
   }
   for (const char* name : kMetadata) {
-    if (exists(container + "/" + name)) main.metadata[name] = readAll(container + "/" + name);
+    if (exists(container + "/" + name)) own.bundle[name] = itemAt(container + "/" + name);
   }
-  std::string application;
-  std::string plugin;
-  for (const auto& entry : fs::directory_iterator(container)) {
-    if (entry.path().extension() == ".app") application = entry.path();
-    if (entry.path().extension() == ".vpnplugin") plugin = entry.path();
+  for (const char* extension : {".app", ".vpnplugin"}) {
+    for (const auto& entry : fs::directory_iterator(container)) {
+      if (entry.path().extension() != extension) continue;
+      readBundle(entry.path(), own);
+      own = {};  // a plug-in beside an application has nothing but its bundle
+    }
   }
-  if (!application.empty()) {
-    main.type = "App";
-    readBundle(application, main);
+}
+
+void DeviceState::readBundle(const fs::path& path, Application application) {
+  const auto info =
+      readDictionaryFile(URL::fileURL((path / "Info.plist").native())).value_or(Dictionary());
+  application.type = path.extension() == ".app" ? "App" : "VPNBundle";
+  application.placeholder = PLFileManager::defaultManager().bundleAtURLIsPlaceholder(
+      URL::fileURL(path.native(), URL::Kind::kDirectory));
+  if (application.placeholder) {
+    application.bundle.clear();  // only the installer's to make
+  } else {
+    const std::string name = path.filename();
+    items_.emplace(name, application.bundle[name] = itemAt(path));
+    const Value groups = info.get(kQXApplicationGroups);
+    for (const Value& group : groups.asArray() ? *groups.asArray() : Value::Array())
+      if (group.asString()) application.groups.push_back(*group.asString());
   }
-  if (!plugin.empty()) {
-    Application own = application.empty() ? main : Application();
-    own.type = "VPNBundle";
-    readBundle(plugin, own);
-  }
+  const std::string* identifier = info.getString(kQXBundleIdentifier);
+  if (identifier) applications_[*identifier] = std::move(application);
 }
 
 std::string DeviceState::missingBelow(const std::string& root, Whole whole) const {
-  Items standing;
+  std::multimap<std::string, TreeSnapshot> standing;
   const auto add = [&standing](const fs::path& path) {
-    const std::string name = path.filename();
-    standing.emplace(name,
-                     isBundleName(name) ? withoutTop(snapshotTree(path)) : snapshotTree(path));
+    standing.emplace(path.filename(), itemAt(path));
   };
   const std::string containers = root + kContainers;
   for (const std::string& directory :
@@ -175,24 +164,19 @@ std::string registryText(const std::string& root) {
   const auto harbors = registry->allSafeHarbors(&error);
   if (!proxies || !harbors) return "no registry: " + description(error);
   std::string text;
-  const auto flag = [](bool value, const char* name) {
-    return value ? std::string(" ") + name : std::string();
-  };
   for (const BundleProxy& proxy : *proxies) {
+    const bool flags[] = {proxy.isPlaceholder(), proxy.isBuiltIn(), proxy.foundBackingBundle(),
+                          proxy.bundleURL().has_value(), proxy.dataContainerURL().has_value()};
     text += proxy.bundleIdentifier() + " " + proxy.bundleType() + " version " + proxy.version() +
-            flag(proxy.isPlaceholder(), "placeholder") + flag(proxy.isBuiltIn(), "built-in") +
-            flag(proxy.foundBackingBundle(), "backed") +
-            flag(proxy.bundleURL().has_value(), "bundle") +
-            flag(proxy.dataContainerURL().has_value(), "data");
-    if (proxy.groupContainerURLs()) {
+            " placeholder, built-in, backed, bundle, data:";
+    for (const bool flag : flags) text += flag ? " yes" : " no";
+    text += "; groups:";
+    if (proxy.groupContainerURLs())
       for (const auto& group : *proxy.groupContainerURLs()) text += " " + group.first;
-    }
     text += "\n";
   }
-  for (const SafeHarborRecord& harbor : *harbors) {
-    text +=
-        "harbor " + harbor.identifier + " of type " + std::to_string(harbor.containerType) + "\n";
-  }
+  for (const SafeHarborRecord& harbor : *harbors)
+    text += format("harbor %@ of type %d\n", harbor.identifier, harbor.containerType);
   return text;
 }
 
@@ -240,20 +224,14 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
       say(identifier + " is registered as " + proxy.bundleType());
     if (proxy.isPlaceholder() != expected.placeholder)
       say(identifier + ": wrongly (no) placeholder");
-    const std::string data =
-        proxy.dataContainerURL() ? proxy.dataContainerURL()->fileSystemRepresentation() : "";
-    for (const auto& [name, tree] : expected.userData) {
-      compare(identifier + " " + name, tree, snapshotTree(data + "/" + name));
-    }
-    const std::string container =
-        proxy.bundleContainerURL() ? proxy.bundleContainerURL()->fileSystemRepresentation() : "";
-    if (expected.placeholder) continue;
-    compare(identifier + " bundle", expected.bundle,
-            withoutTop(snapshotTree(container + "/" + expected.bundleName)));
-    for (const auto& [name, content] : expected.metadata) {
-      if (readAll(container + "/" + name) != content)
-        say(identifier + ": " + name + " is not as it was");
-    }
+    const auto compareItems = [&](const Items& items, const std::optional<URL>& container) {
+      for (const auto& [name, tree] : items) {
+        compare(identifier + " " + name, tree,
+                itemAt((container ? container->path() : "no container/") + name));
+      }
+    };
+    compareItems(expected.data, proxy.dataContainerURL());
+    compareItems(expected.bundle, proxy.bundleContainerURL());
     for (const std::string& group : expected.groups) {
       if (!groupPaths.contains(group)) say(identifier + ": no container for group " + group);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,25 +31,22 @@ class DeviceState {
   [[nodiscard]] size_t applications() const { return applications_.size(); }
 
  private:
+  using Items = std::map<std::string, TreeSnapshot>;  // by name
   struct Application {
     std::string type;
     bool placeholder = false;
-    std::vector<std::string> groups;
-    std::map<std::string, TreeSnapshot> userData;  // by item name
-    std::string bundleName;
-    TreeSnapshot bundle;                          // of a real bundle
-    std::map<std::string, std::string> metadata;  // file name and content
+    std::vector<std::string> groups;  // of a real bundle
+    Items data;                       // in its data container
+    Items bundle;                     // in its bundle container: a real bundle, and metadata
   };
   void readContainer(const std::string& container);
-  void readBundle(const std::string& path, Application& application);
+  void readBundle(const std::filesystem::path& path, Application application);
 
-  // Each item that has to stay whole: its name, and what it holds.
-  using Items = std::multimap<std::string, TreeSnapshot>;
-
-  Items items_;
+  // Each item that has to stay whole, by name; harbors have none.
+  std::multimap<std::string, TreeSnapshot> items_;
   std::map<std::string, Application> applications_;  // by identifier
-  std::map<std::string, TreeSnapshot> groups_;       // by identifier
-  std::map<std::string, TreeSnapshot> harbors_;      // by identifier
+  Items groups_;                                     // by identifier
+  Items harbors_;                                    // by identifier
 };
 
 // What the registry below `root` says, but for the names and places that differ from run to run.

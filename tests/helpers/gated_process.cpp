@@ -5,8 +5,6 @@
 #include <climits>
 #include <csignal>
 #include <cstddef>
-#include <cstdio>
-#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/audit.h>
@@ -15,15 +13,14 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "foundation/unique_descriptor.h"
+#include "tests/helpers/child_process.h"
 
 namespace pallion::test {
 
@@ -112,52 +109,22 @@ int installFilter() {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
 }
 
-// A message of one byte with one descriptor, which is sent, or filled in by the kernel (-1 before).
-class DescriptorMessage {
- public:
-  explicit DescriptorMessage(int descriptor) {
-    message_.msg_iov = &vector_;
-    message_.msg_iovlen = 1;
-    message_.msg_control = control_;
-    message_.msg_controllen = sizeof control_;
-    cmsghdr* header = CMSG_FIRSTHDR(&message_);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    __builtin_memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  }
-  DescriptorMessage(const DescriptorMessage&) = delete;
-  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+// The descriptor whose number the child announces; it stays open there until the answer.
+UniqueDescriptor takeAnnounced(int channel, pid_t process) {
+  int number = -1;
+  if (recv(channel, &number, sizeof number, 0) != sizeof number) return {};
+  const UniqueDescriptor child(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  UniqueDescriptor taken(static_cast<int>(syscall(SYS_pidfd_getfd, child.get(), number, 0)));
+  if (send(channel, &number, sizeof number, 0) != sizeof number) taken.reset();
+  return taken;
+}
 
-  bool send(int channel) { return sendmsg(channel, &message_, 0) == 1; }
-  // The descriptor, or -1.
-  int receive(int channel) {
-    int descriptor = -1;
-    if (recvmsg(channel, &message_, MSG_CMSG_CLOEXEC) == 1 && CMSG_FIRSTHDR(&message_))
-      __builtin_memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message_)), sizeof descriptor);
-    return descriptor;
-  }
-
- private:
-  char byte_ = 0;
-  iovec vector_{&byte_, 1};
-  alignas(cmsghdr) char control_[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message_{};
-};
-
-[[noreturn]] void becomeProgram(const std::vector<std::string>& arguments, int channel,
-                                int output) {
-  std::vector<char*> pointers;
-  for (const std::string& argument : arguments)
-    pointers.push_back(const_cast<char*>(argument.c_str()));
-  pointers.push_back(nullptr);
-  if (dup2(output, STDOUT_FILENO) < 0 || dup2(output, STDERR_FILENO) < 0) _exit(126);
-  // The leak check needs /proc, which the root has not.
-  if (setenv("ASAN_OPTIONS", "detect_leaks=0", 1) != 0) _exit(126);
-  const int listener = installFilter();
-  if (listener < 0 || !DescriptorMessage(listener).send(channel)) _exit(126);
-  execv(pointers[0], pointers.data());
-  _exit(127);
+// Calls of the channel are none that come to the gate.
+void announceFilter(int channel) {
+  int listener = installFilter();
+  if (listener < 0 || send(channel, &listener, sizeof listener, 0) != sizeof listener ||
+      recv(channel, &listener, sizeof listener, 0) != sizeof listener)
+    _exit(126);
 }
 
 std::string linkOf(const std::string& path) {
@@ -184,9 +151,9 @@ unsigned openDescriptors(pid_t process) {
 // The parent's side of one run.
 class Supervisor {
  public:
-  Supervisor(pid_t process, int listener, const GatedProcess::Gate& gate,
+  Supervisor(const ChildProcess& child, int listener, const GatedProcess::Gate& gate,
              const std::string& logFile)
-      : process_(process), listener_(listener), gate_(gate), logFile_(logFile) {}
+      : child_(child), listener_(listener), gate_(gate), logFile_(logFile) {}
 
   void attend(int seconds, GatedProcess::Outcome& outcome) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -198,7 +165,7 @@ class Supervisor {
       if (ready < 0 && errno == EINTR) continue;
       if (ready <= 0) {
         outcome.hung = true;
-        kill(process_, SIGKILL);
+        child_.signal(SIGKILL);
         return;
       }
       if ((waiting.revents & POLLIN) == 0) return;  // nobody uses the filter any more
@@ -212,7 +179,7 @@ class Supervisor {
     if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &notification) != 0) return;
     const int decision = decide(notification.data, outcome);
     if (decision == GatedProcess::kKill) {
-      kill(process_, SIGKILL);
+      child_.signal(SIGKILL);
       return;
     }
     seccomp_notif_resp response{};
@@ -227,7 +194,7 @@ class Supervisor {
 
   int decide(const seccomp_data& data, GatedProcess::Outcome& outcome) {
     if (data.nr == SYS_exit_group) {
-      outcome.descriptors = openDescriptors(process_);
+      outcome.descriptors = openDescriptors(child_.id());
       return 0;
     }
     if (data.nr == SYS_chroot) {
@@ -240,7 +207,7 @@ class Supervisor {
     if (!begun_ || !known || (data.nr == SYS_write && static_cast<int>(data.args[0]) == log_)) {
       return 0;
     }
-    GatedProcess::Call call{data.nr, {}, process_, known->name, changes(*known, data)};
+    GatedProcess::Call call{data.nr, {}, child_.id(), known->name, changes(*known, data)};
     for (size_t i = 0; i < call.arguments.size(); ++i) call.arguments[i] = data.args[i];
     ++outcome.calls;
     if (call.changes) ++outcome.changes;
@@ -249,24 +216,18 @@ class Supervisor {
 
   void findLog() {
     for (int descriptor = 3; !logFile_.empty() && descriptor < 32; ++descriptor) {
-      if (descriptorLink(process_, static_cast<uint64_t>(descriptor)) == logFile_)
+      if (descriptorLink(child_.id(), static_cast<uint64_t>(descriptor)) == logFile_)
         log_ = descriptor;
     }
   }
 
-  const pid_t process_;
+  const ChildProcess& child_;
   const int listener_;
   const GatedProcess::Gate& gate_;
   const std::string& logFile_;
   bool begun_ = false;
   int log_ = -1;
 };
-
-std::string contentOf(int descriptor) {
-  std::string content(static_cast<size_t>(lseek(descriptor, 0, SEEK_END)), '\0');
-  if (pread(descriptor, content.data(), content.size(), 0) < 0) content.clear();
-  return content;
-}
 
 }  // namespace
 
@@ -297,19 +258,16 @@ GatedProcess::Outcome GatedProcess::run(const std::vector<std::string>& argument
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) return outcome;
   const UniqueDescriptor ours(channel[0]);
   UniqueDescriptor theirs(channel[1]);
-  const UniqueDescriptor output(memfd_create("output", MFD_CLOEXEC));
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child < 0) return outcome;
-  if (child == 0) becomeProgram(arguments, theirs.get(), output.get());
+  ChildProcess child({.arguments = arguments,
+                      // The leak check needs /proc, which the root has not.
+                      .environment = {"ASAN_OPTIONS=detect_leaks=0"},
+                      .beforeProgram = [&theirs] { announceFilter(theirs.get()); }});
   theirs.reset();
-  const UniqueDescriptor listener(DescriptorMessage(-1).receive(ours.get()));
-  if (listener) Supervisor(child, listener.get(), gate, logFile).attend(seconds, outcome);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  outcome.out = contentOf(output.get());
+  if (const UniqueDescriptor listener = takeAnnounced(ours.get(), child.id()))
+    Supervisor(child, listener.get(), gate, logFile).attend(seconds, outcome);
+  const ProcessOutcome ended = child.wait();
+  outcome.status = ended.status;
+  outcome.out = ended.out + ended.err;
   return outcome;
 }
 

@@ -40,7 +40,7 @@ int runInChild(const std::function<int()>& body) {
 }
 
 bool runProgram(const std::vector<std::string>& arguments) {
-  const ProcessOutcome outcome = runProcess({.arguments = arguments, .environment = {}});
+  const ProcessOutcome outcome = runProcess({.arguments = arguments});
   std::fputs(outcome.err.c_str(), stderr);
   return outcome.status == 0;
 }

@@ -2,12 +2,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/limits.h>
 #include <set>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -16,47 +15,26 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/unique_descriptor.h"
+#include "platform/sha256.h"
+
 namespace pallion::test {
 
 namespace {
 
 std::string printable(const std::string& bytes) {
   std::string text;
-  for (char byte : bytes) {
-    if (byte >= ' ' && byte < 0x7f && byte != '\\') {
-      text += byte;
-    } else {
-      std::array<char, 5> escape{};
-      std::snprintf(escape.data(), escape.size(), "\\x%02X", static_cast<unsigned char>(byte));
-      text += escape.data();
-    }
+  for (const char byte : bytes) {
+    char escape[5];
+    std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(byte));
+    const bool plain = byte >= ' ' && byte < 0x7f && byte != '\\';
+    text += plain ? std::string(1, byte) : escape;
   }
   return text;
 }
 
 std::string errorText(const char* what) {
   return std::string(" ") + what + "=error:" + std::strerror(errno);
-}
-
-const char* kindName(mode_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFREG:
-      return "file";
-    case S_IFDIR:
-      return "directory";
-    case S_IFLNK:
-      return "link";
-    case S_IFIFO:
-      return "fifo";
-    case S_IFSOCK:
-      return "socket";
-    case S_IFCHR:
-      return "character-device";
-    case S_IFBLK:
-      return "block-device";
-    default:
-      return "unknown";
-  }
 }
 
 // O_NOATIME is for the owner and the privileged.
@@ -68,31 +46,23 @@ int openQuietly(const std::string& path, int flags) {
   return descriptor;
 }
 
-// FNV-1a, 64 bits.
 std::string contentDigest(const std::string& path) {
-  int file = openQuietly(path, O_NONBLOCK);
-  if (file < 0) return errorText("content");
-  uint64_t hash = 0xcbf29ce484222325u;
-  std::vector<unsigned char> buffer(size_t{1} << 18);
+  const UniqueDescriptor file(openQuietly(path, O_NONBLOCK));
+  if (!file) return errorText("content");
+  SHA256Digest digest;
+  std::vector<char> buffer(size_t{1} << 18);
   ssize_t count = 0;
-  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
-    for (ssize_t i = 0; i < count; ++i) {
-      hash = (hash ^ buffer[static_cast<size_t>(i)]) * 0x100000001b3u;
-    }
-  }
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), " content=%016" PRIx64, hash);
-  std::string result = count < 0 ? errorText("content") : text.data();
-  close(file);
-  return result;
+  while ((count = read(file.get(), buffer.data(), buffer.size())) > 0)
+    digest.update(buffer.data(), static_cast<size_t>(count));
+  if (count < 0) return errorText("content");
+  const SHA256Digest::Bytes bytes = digest.finish();
+  return " content=" + printable({bytes.begin(), bytes.end()});
 }
 
 std::string attributes(const std::string& path) {
-  ssize_t size = llistxattr(path.c_str(), nullptr, 0);
+  std::string names(XATTR_LIST_MAX, '\0');
+  const ssize_t size = llistxattr(path.c_str(), names.data(), names.size());
   if (size < 0) return errno == ENOTSUP ? "" : errorText("attributes");
-  std::string names(static_cast<size_t>(size), '\0');
-  size = llistxattr(path.c_str(), names.data(), names.size());
-  if (size < 0) return errorText("attributes");
   std::set<std::string> sorted;
   for (size_t begin = 0; begin < static_cast<size_t>(size);
        begin += std::strlen(&names[begin]) + 1) {
@@ -100,7 +70,7 @@ std::string attributes(const std::string& path) {
   }
   std::string text;
   for (const std::string& name : sorted) {
-    std::string value(65536, '\0');
+    std::string value(XATTR_SIZE_MAX, '\0');
     ssize_t length = lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
     if (length < 0) return text + errorText(name.c_str());
     value.resize(static_cast<size_t>(length));
@@ -160,8 +130,9 @@ class Walk {
  private:
   std::string describe(const std::string& path, const struct stat& status) const {
     std::array<char, 128> text{};
-    std::snprintf(text.data(), text.size(), "%s %04o %u:%u", kindName(status.st_mode),
-                  status.st_mode & 07777U, status.st_uid, status.st_gid);
+    // With the kind of the item, as S_IFMT has it, before its mode.
+    std::snprintf(text.data(), text.size(), "%06o %u:%u", status.st_mode, status.st_uid,
+                  status.st_gid);
     std::string line = text.data();
     bool directory = S_ISDIR(status.st_mode);
     if (!options_.ignoreTimes && !(directory && options_.ignoreDirectoryTimes)) {
