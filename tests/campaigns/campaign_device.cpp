@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/recursive_remove.h"
 #include "platform/tree_copy.h"
 #include "tests/helpers/child_process.h"
 
@@ -22,22 +21,6 @@ constexpr const char* kNewLayout = "/private/var/palliond";
 [[noreturn]] void giveUp(const std::string& text) {
   std::fprintf(stderr, "campaign: %s\n", text.c_str());
   std::exit(2);
-}
-
-// Removes what is in a directory; volumes mounted below it are emptied and stay.
-void empty(const std::string& directory, const std::vector<std::string>& mountPoints) {
-  for (const auto& entry : fs::directory_iterator(directory)) {
-    const std::string path = entry.path();
-    bool holdsMount = false;
-    for (const std::string& point : mountPoints)
-      holdsMount |= (point + "/").starts_with(path + "/");
-    if (holdsMount) {
-      empty(path, mountPoints);
-    } else {
-      RemovalState state;
-      RecursiveRemove::system().remove(path.c_str(), state);
-    }
-  }
 }
 
 // Copies what is in a directory into another one, where directories may stand already.
@@ -61,21 +44,14 @@ std::string programPath(const char* name) {
 
 CampaignDevice::CampaignDevice(Volumes volumes, const std::vector<std::string>& layoutOptions)
     : original_(directory_ / "original"), root_(directory_ / "device"), log_(directory_ / "log") {
-  ChildProcess::Setup setup;
-  setup.arguments = {programPath("make-old-layout"), "--root", original_};
-  setup.arguments.insert(setup.arguments.end(), layoutOptions.begin(), layoutOptions.end());
-  if (const ProcessOutcome made = runProcess(setup); made.status != 0) giveUp(made.err);
+  std::vector<std::string> maker = {programPath("make-old-layout"), "--root", original_};
+  maker.insert(maker.end(), layoutOptions.begin(), layoutOptions.end());
+  if (const auto made = runProcess({.arguments = maker}); made.status != 0) giveUp(made.err);
   before_ = std::make_unique<DeviceState>(original_);
 
-  std::vector<std::string> places = {root_};
+  places_ = {root_};
   if (volumes == Volumes::kThree) {
-    for (const char* place : {kOldLayout, kGroups, kNewLayout}) places.push_back(root_ + place);
-  }
-  for (const std::string& place : places) {
-    fs::create_directories(place);
-    mounts_.push_back(
-        std::unique_ptr<Mount>(new Mount(Mount::tmpfs(place, "size=256m,mode=0755"))));
-    if (!mounts_.back()->mounted()) giveUp("can't mount a volume at " + place);
+    for (const char* place : {kOldLayout, kGroups, kNewLayout}) places_.push_back(root_ + place);
   }
   reset();
   undisturbed_ = migrateUndisturbed();
@@ -86,9 +62,12 @@ CampaignDevice::CampaignDevice(Volumes volumes, const std::vector<std::string>& 
 }
 
 void CampaignDevice::reset() {
-  std::vector<std::string> points;
-  if (mounts_.size() > 1) points = {root_ + kOldLayout, root_ + kGroups, root_ + kNewLayout};
-  empty(root_, points);
+  while (!mounts_.empty()) mounts_.pop_back();
+  for (const std::string& place : places_) {
+    fs::create_directories(place);
+    mounts_.emplace_back(new Mount(Mount::tmpfs(place, "size=256m,mode=0755")));
+    if (!mounts_.back()->mounted()) giveUp("can't mount a volume at " + place);
+  }
   fill(original_, root_);
 }
 

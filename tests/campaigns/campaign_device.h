@@ -48,6 +48,7 @@ class CampaignDevice {
   std::string original_;
   std::string root_;
   std::string log_;
+  std::vector<std::string> places_;  // of the mounted volumes
   std::vector<std::unique_ptr<Mount>> mounts_;
   std::unique_ptr<DeviceState> before_;
   std::string registry_;

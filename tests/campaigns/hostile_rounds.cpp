@@ -5,19 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
-#include <vector>
 
 #include "file_operations/file_manager.h"
 #include "platform/recursive_remove.h"
 #include "platform/tree_copy.h"
 #include "platform/uuid.h"
 #include "programs/make_old_layout/seeded_random.h"
-#include "tests/campaigns/swapper.h"
 #include "tests/helpers/child_process.h"
 #include "tests/helpers/recorded_logs.h"
-#include "tests/helpers/temporary_root.h"
-#include "tests/helpers/tree_snapshot.h"
 
 namespace pallion::test {
 
@@ -33,74 +28,47 @@ const std::string kCanary = "/private/var/mobile/Media";
 
 constexpr const char* kCanaryContent = "of the canary";
 
-// Below a directory of its own: the tree, the links while they are not in the tree, and the canary.
-class Rounds : public HostileRounds {
- public:
-  HostileOutcome run(uint64_t swaps) override {
-    HostileOutcome outcome;
-    const auto start = std::chrono::steady_clock::now();
-    int inVain = 0;
-    while (outcome.swaps < swaps && inVain < kMostRoundsInVain) {
-      std::vector<SwappedPair> pairs = prepare(outcome.rounds);
-      const std::chrono::microseconds pauses[] = {{}, {}, std::chrono::microseconds(50)};
-      swapper_.take(std::move(pairs), pauses[outcome.rounds % std::size(pauses)]);
-      swapper_.letLoose();
-      bool succeeded = operate(outcome.rounds);
-      while (isRepeatable() && swapper_.swaps() < kSwapsARound)
-        succeeded &= operate(outcome.rounds);
-      const uint64_t survived = swapper_.call();
-      ++outcome.rounds;
-      outcome.swaps += survived;
-      outcome.errors += succeeded ? 0 : 1;
-      inVain = survived > 0 ? 0 : inVain + 1;
-      outcome.firstChange = difference(canary_, canaryNow()) + leak();
-      if (!outcome.firstChange.empty()) {
-        ++outcome.canaryChanges;
-        break;
-      }
-    }
-    outcome.seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return outcome;
+}  // namespace
+
+HostileOutcome HostileRounds::run(uint64_t swaps) {
+  HostileOutcome outcome;
+  const auto start = std::chrono::steady_clock::now();
+  int inVain = 0;
+  while (outcome.swaps < swaps && inVain < kMostRoundsInVain && outcome.canaryChanges == 0) {
+    const int pauses[] = {0, 0, 50};
+    swapper_.letLoose(prepare(outcome.rounds),
+                      std::chrono::microseconds(pauses[outcome.rounds % std::size(pauses)]));
+    bool succeeded = operate();
+    while (isRepeatable() && swapper_.swaps() < kSwapsARound) succeeded &= operate();
+    const uint64_t survived = swapper_.call();
+    ++outcome.rounds;
+    outcome.swaps += survived;
+    outcome.errors += succeeded ? 0 : 1;
+    inVain = survived > 0 ? 0 : inVain + 1;
+    outcome.firstChange = difference(canary_, canaryNow()) + leak();
+    if (!outcome.firstChange.empty()) ++outcome.canaryChanges;
   }
+  outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return outcome;
+}
 
- protected:
-  // What the round is to swap.
-  virtual std::vector<SwappedPair> prepare(uint64_t round) = 0;
-  virtual bool operate(uint64_t round) = 0;
-  // Whether one round may well operate more than once.
-  [[nodiscard]] virtual bool isRepeatable() const { return false; }
-  // Something of the canary where it does not belong; empty for nothing.
-  virtual std::string leak() { return ""; }
+SwappedPair HostileRounds::pairFor(const std::string& relative, const std::string& target) {
+  const fs::path path(relative);
+  SwappedPair pair{path.parent_path(), path.filename(), "links/" + std::to_string(links_++)};
+  root_.makeLink(pair.link, target);
+  return pair;
+}
 
-  [[nodiscard]] virtual TreeSnapshot canaryNow() const {
-    return snapshotTree(root_ / "canary", {.changeTimes = true});
-  }
-  void canaryIsComplete() { canary_ = canaryNow(); }
+void HostileRounds::dropLinks() {
+  fs::remove_all(root_ / "links");
+  links_ = 0;
+}
 
-  // A link for the directory `relative` (from the base) that leads to `target`.
-  SwappedPair pairFor(const std::string& relative, const std::string& target) {
-    const fs::path path(relative);
-    SwappedPair pair{path.parent_path(), path.filename(), "links/" + std::to_string(links_++)};
-    root_.makeLink(pair.link, target);
-    return pair;
-  }
-  void dropLinks() {
-    fs::remove_all(root_ / "links");
-    links_ = 0;
-  }
-
-  TemporaryRoot root_;
-
- private:
-  Swapper swapper_{root_.path()};
-  TreeSnapshot canary_;
-  int links_ = 0;
-};
+namespace {
 
 // A small tree of our own making: "tree/<a>/<b>" with a few items in each <b>; all <a> and <b> are
 // swapped.
-class OwnTree : public Rounds {
+class OwnTree : public HostileRounds {
  public:
   OwnTree() {
     fill("canary", kCanaryContent);
@@ -109,38 +77,30 @@ class OwnTree : public Rounds {
   }
 
  protected:
-  static constexpr int kOuter = 3;
-  static constexpr int kInner = 6;
-
   void fill(const std::string& top, const std::string& content) const {
-    eachDirectory([&](const std::string& outer, const std::string& inner) {
-      if (inner.empty()) return;
-      const std::string directory = top + "/" + outer + "/" + inner;
-      for (const char* name : {"1", "2", "3", "sub/4"}) {
-        root_.makeFile(directory + "/" + name, content);
-      }
-      root_.makeLink(directory + "/link", "nowhere");
-    });
+    for (const std::string& directory : inner_) {
+      for (const char* name : {"/1", "/2", "/3", "/sub/4"})
+        root_.makeFile(top + directory + name, content);
+      root_.makeLink(top + directory + "/link", "nowhere");
+    }
   }
   std::vector<SwappedPair> pairsIn(const std::string& top) {
     std::vector<SwappedPair> pairs;
-    eachDirectory([&](const std::string& outer, const std::string& inner) {
-      const std::string directory = "/" + outer + (inner.empty() ? "" : "/" + inner);
-      pairs.push_back(pairFor(top + directory, root_ / ("canary" + directory)));
-    });
+    for (const auto& directories : {inner_, outer_}) {
+      for (const std::string& directory : directories)
+        pairs.push_back(pairFor(top + directory, root_ / ("canary" + directory)));
+    }
     return pairs;
   }
 
  private:
-  static void eachDirectory(
-      const std::function<void(const std::string& outer, const std::string& inner)>& visit) {
-    for (int outer = 0; outer < kOuter; ++outer) {
-      for (int inner = 0; inner < kInner; ++inner) {
-        visit("a" + std::to_string(outer), "b" + std::to_string(inner));
-      }
-      visit("a" + std::to_string(outer), "");
-    }
-  }
+  const std::vector<std::string> outer_ = {"/a0", "/a1", "/a2"};
+  const std::vector<std::string> inner_ = [this] {
+    std::vector<std::string> all;
+    for (const std::string& outer : outer_)
+      for (int i = 0; i < 6; ++i) all.push_back(outer + "/b" + std::to_string(i));
+    return all;
+  }();
 };
 
 class RemovalRounds : public OwnTree {
@@ -151,7 +111,7 @@ class RemovalRounds : public OwnTree {
     fill("tree", "of the tree");
     return pairsIn("tree");
   }
-  bool operate(uint64_t) override {
+  bool operate() override {
     RemovalState state;
     return RecursiveRemove::system().remove((root_ / "tree").c_str(), state) == 0;
   }
@@ -175,7 +135,7 @@ class CopyRounds : public OwnTree {
                       root_ / "canary/empty");
     return {copied_};
   }
-  bool operate(uint64_t) override {
+  bool operate() override {
     return TreeCopy::system().copy((root_ / "tree").c_str(), (root_ / "copy").c_str()) == 0;
   }
   std::string leak() override {
@@ -202,7 +162,7 @@ class OwnershipRounds : public OwnTree {
     log_.lines.clear();
     return pairs_;
   }
-  bool operate(uint64_t) override {
+  bool operate() override {
     // Another one each time, so that everything is to be changed.
     const auto owner = static_cast<uid_t>(1000 + ++operations_ % 2);
     return PLFileManager::defaultManager().standardizeOwnershipAtURL(
@@ -221,7 +181,7 @@ class OwnershipRounds : public OwnTree {
 // The old containers of a device and each directory in them, or the directories that the run makes
 // in them, which are there for a moment each. Outside the device no link leads, since
 // it is the root of the run; one canary is in it, another one outside.
-class MigrationRounds : public Rounds {
+class MigrationRounds : public HostileRounds {
  public:
   MigrationRounds() {
     runProgram({"make-old-layout", "--root", root_ / "original", "--apps", "8", "--vpn", "1",
@@ -271,7 +231,7 @@ class MigrationRounds : public Rounds {
     }
     return pairs;
   }
-  bool operate(uint64_t) override {
+  bool operate() override {
     const int status = runProgram({"migration-host", "-q", "--root", root_ / "device"});
     if (status != 0 && status != 1) broken_ = "migration-host: " + std::to_string(status);
     return status == 0;
@@ -296,10 +256,9 @@ class MigrationRounds : public Rounds {
   }
   static int runProgram(std::vector<std::string> arguments) {
     arguments[0] = std::string(PALLION_BINARY_DIR) + "/bin/" + arguments[0];
-    ChildProcess::Setup setup;
-    setup.arguments = std::move(arguments);
-    setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};  // it needs /proc, which the root has not
-    return runProcess(setup).status;
+    // The leak check needs /proc, which the root has not.
+    return runProcess({.arguments = arguments, .environment = {"ASAN_OPTIONS=detect_leaks=0"}})
+        .status;
   }
 
   static constexpr int kRemainsWidth = 5;
@@ -310,11 +269,17 @@ class MigrationRounds : public Rounds {
   std::string broken_;
 };
 
+template <class Rounds>
+std::unique_ptr<HostileRounds> make() {
+  return std::make_unique<Rounds>();
+}
+
 }  // namespace
 
-std::unique_ptr<HostileRounds> removalRounds() { return std::make_unique<RemovalRounds>(); }
-std::unique_ptr<HostileRounds> copyRounds() { return std::make_unique<CopyRounds>(); }
-std::unique_ptr<HostileRounds> ownershipRounds() { return std::make_unique<OwnershipRounds>(); }
-std::unique_ptr<HostileRounds> migrationRounds() { return std::make_unique<MigrationRounds>(); }
+const std::map<std::string, std::function<std::unique_ptr<HostileRounds>()>> kHostileRounds = {
+    {"removal", make<RemovalRounds>},
+    {"copy", make<CopyRounds>},
+    {"ownership", make<OwnershipRounds>},
+    {"migration", make<MigrationRounds>}};
 
 }  // namespace pallion::test

@@ -4,14 +4,11 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <random>
 #include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 
 #include "foundation/unique_descriptor.h"
-#include "platform/recursive_remove.h"
-#include "platform/tree_copy.h"
 #include "tests/campaigns/campaigns.h"
 #include "tests/helpers/child_process.h"
 
@@ -44,24 +41,14 @@ void cut(const std::string& mountPoint) {
 class PoweredDevice {
  public:
   PoweredDevice(Volumes volumes, const std::string& kind) : kind_(kind) {
-    root_ = directory_.makeDirectory("device");
-    storage_ = std::unique_ptr<Mount>(
-        new Mount(Mount::tmpfs(directory_.makeDirectory("storage"), "size=1g,mode=0755")));
-    places_ = volumes == Volumes::kOne ? std::vector<std::string>{root_}
-                                       : std::vector<std::string>{root_ + "/private/var/mobile",
-                                                                  root_ + "/private/var/palliond"};
     if (volumes != Volumes::kOne) {
-      plain_ = std::unique_ptr<Mount>(new Mount(Mount::tmpfs(root_, "size=64m,mode=0755")));
+      plain_.reset(new Mount(Mount::tmpfs(root_, "size=64m,mode=0755")));
+      places_ = {root_ + "/private/var/mobile", root_ + "/private/var/palliond"};
       for (const std::string& place : places_) fs::create_directories(place);
     }
     for (size_t i = 0; i < places_.size(); ++i) {
-      const std::string image = imageAt(i);
-      run({"/usr/bin/truncate", "-s", kind_ == "ext4" ? "96M" : "320M", image});
-      if (kind_ == "ext4") {
-        run({"/sbin/mkfs.ext4", "-q", "-O", "^resize_inode", image});
-      } else {
-        run({"/sbin/mkfs." + kind_, "-q", image});
-      }
+      run({"/usr/bin/truncate", "-s", kind_ == "ext4" ? "96M" : "320M", imageAt(i)});
+      run({"/sbin/mkfs." + kind_, "-q", imageAt(i)});
     }
     mountAll();
     std::vector<std::string> maker = {programPath("make-old-layout"), "--root", root_};
@@ -71,7 +58,6 @@ class PoweredDevice {
     unmountAll();
     for (size_t i = 0; i < places_.size(); ++i)
       run({"/bin/cp", "--sparse=always", imageAt(i), imageAt(i) + ".original"});
-    if (plain_) run({"/bin/cp", "-a", root_, directory_ / "plain"});
   }
   PoweredDevice(const PoweredDevice&) = delete;
   PoweredDevice& operator=(const PoweredDevice&) = delete;
@@ -116,9 +102,9 @@ class PoweredDevice {
       fs::rename(imageAt(i) + ".cut", imageAt(i));
     mountAll();
     std::string problem = before_->missingBelow(root_);
-    const ChildProcess::Setup setup{.arguments = {programPath("migration-host"), "--root", root_},
-                                    .environment = {"ASAN_OPTIONS=detect_leaks=0"}};
-    const ProcessOutcome outcome = runProcess(setup);
+    const ProcessOutcome outcome =
+        runProcess({.arguments = {programPath("migration-host"), "--root", root_},
+                    .environment = {"ASAN_OPTIONS=detect_leaks=0"}});
     if (outcome.status != 0) {
       problem += "the next run ends with " + std::to_string(outcome.status) + "\n" + outcome.out +
                  outcome.err;
@@ -151,10 +137,10 @@ class PoweredDevice {
 
   const std::string kind_;
   TemporaryRoot directory_;
-  std::string root_;
-  std::unique_ptr<Mount> storage_;
+  const std::string root_ = directory_.makeDirectory("device");
+  const Mount storage_ = Mount::tmpfs(directory_.makeDirectory("storage"), "size=1g,mode=0755");
   std::unique_ptr<Mount> plain_;
-  std::vector<std::string> places_;
+  std::vector<std::string> places_ = {root_};  // each gets the image of its index
   size_t mounted_ = 0;
   std::unique_ptr<DeviceState> before_;
 };

@@ -14,15 +14,16 @@ Swapper::Swapper(const std::string& base)
 
 Swapper::~Swapper() { call(); }
 
-void Swapper::take(std::vector<SwappedPair> pairs, std::chrono::microseconds pause) {
-  pairs_ = std::move(pairs);
-  pause_ = pause;
-}
-
-void Swapper::letLoose() {
+void Swapper::letLoose(std::vector<SwappedPair> pairs, std::chrono::microseconds pause) {
   swaps_ = 0;
   began_ = false;
-  thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+  thread_ = std::jthread([this, pairs = std::move(pairs), pause](const std::stop_token& stop) {
+    for (size_t i = 0; !stop.stop_requested(); i = (i + 1) % pairs.size()) {
+      if (swap(pairs[i])) ++swaps_;
+      if (!began_.exchange(true)) began_.notify_one();
+      if (pause.count() > 0) std::this_thread::sleep_for(pause);
+    }
+  });
   began_.wait(false);
 }
 
@@ -40,17 +41,6 @@ bool Swapper::swap(const SwappedPair& pair) const {
       static_cast<int>(syscall(SYS_openat2, base_.get(), pair.parent.c_str(), &how, sizeof how)));
   return parent && renameat2(parent.get(), pair.name.c_str(), base_.get(), pair.link.c_str(),
                              RENAME_EXCHANGE) == 0;
-}
-
-void Swapper::run(const std::stop_token& stop) {
-  while (!stop.stop_requested()) {
-    for (const SwappedPair& pair : pairs_) {
-      if (stop.stop_requested()) return;
-      if (swap(pair)) ++swaps_;
-      if (!began_.exchange(true)) began_.notify_one();
-      if (pause_.count() > 0) std::this_thread::sleep_for(pause_);
-    }
-  }
 }
 
 }  // namespace pallion::test

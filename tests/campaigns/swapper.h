@@ -29,10 +29,8 @@ class Swapper {
   ~Swapper();
 
   // Not while it is loose. A pause makes the operations get further before they meet a swap.
-  void take(std::vector<SwappedPair> pairs, std::chrono::microseconds pause);
-
   // Returns once it has begun.
-  void letLoose();
+  void letLoose(std::vector<SwappedPair> pairs, std::chrono::microseconds pause);
   [[nodiscard]] uint64_t swaps() const { return swaps_; }
   // Answers how many exchanges succeeded since it was let loose.
   uint64_t call();
@@ -41,11 +39,7 @@ class Swapper {
   [[nodiscard]] bool swap(const SwappedPair& pair) const;
 
  private:
-  void run(const std::stop_token& stop);
-
   UniqueDescriptor base_;
-  std::vector<SwappedPair> pairs_;
-  std::chrono::microseconds pause_{0};
   std::atomic<uint64_t> swaps_ = 0;
   std::atomic<bool> began_ = false;
   std::jthread thread_;
