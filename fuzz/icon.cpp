@@ -4,6 +4,7 @@
 #include "platform/image_scaling.h"
 #include "platform/png_codec.h"
 #include "tests/helpers/allocation_meter/allocation_meter.h"
+#include "tests/helpers/png_bytes.h"
 
 namespace pallion::fuzz {
 
@@ -20,15 +21,6 @@ uint32_t number(const std::string& bytes, size_t at) {
   return value;
 }
 
-uint32_t checksum(std::string_view bytes) {
-  uint32_t crc = 0xFFFFFFFF;
-  for (const char byte : bytes) {
-    crc ^= static_cast<uint8_t>(byte);
-    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (crc & 1 ? 0xEDB88320 : 0);
-  }
-  return ~crc;
-}
-
 // Makes the checksums of all whole chunks right, which otherwise would hide what is behind them
 // from the fuzzer.
 void mendChecksums(std::string& bytes) {
@@ -36,7 +28,7 @@ void mendChecksums(std::string& bytes) {
   while (at + kChunkExtra <= bytes.size()) {
     const size_t length = number(bytes, at);
     if (length > bytes.size() - at - kChunkExtra) return;
-    const uint32_t crc = checksum(std::string_view(bytes).substr(at + 4, length + 4));
+    const uint32_t crc = test::crc32(std::string_view(bytes).substr(at + 4, length + 4));
     for (size_t i = 0; i < 4; ++i)
       bytes[at + 8 + length + i] = static_cast<char>(crc >> (24 - 8 * i));
     at += length + kChunkExtra;

@@ -4,9 +4,6 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +11,8 @@
 #include <unistd.h>
 
 #include "foundation/property_list.h"
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
 
 namespace pallion {
@@ -54,71 +53,50 @@ TEST(ReadFile, ReadsRegularFilesOnly) {
   EXPECT_EQ(EFBIG, errorOfReading("/proc/self/maps", 100));
 }
 
-// Lets `body` run in a child in which two calls fail as they do where a file can't be made without
-// a name.
-int runWithoutUnnamedFiles(bool refuseCreation, const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const auto argument = [](size_t i) {
-      return static_cast<uint32_t>(offsetof(seccomp_data, args) + 8 * i);
-    };
-    const uint32_t flag = refuseCreation ? O_TMPFILE & ~O_DIRECTORY : AT_EMPTY_PATH;
-    const uint32_t call = refuseCreation ? __NR_openat : __NR_linkat;
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(refuseCreation ? 2 : 4)),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, flag, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K,
-                 SECCOMP_RET_ERRNO | static_cast<uint32_t>(refuseCreation ? EOPNOTSUPP : ENOENT)),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {std::size(program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-      _exit(99);
-    _exit(body());
+// In every way in which a file system lets a file be made.
+void inEveryWay(const std::function<void(const TemporaryRoot&)>& body) {
+  const struct {
+    const char* name;
+    std::initializer_list<long> refused;
+    int error;
+    test::CallsWith which;
+  } ways[] = {{"unnamed", {}, 0, {}},
+              {"through /proc", {SYS_linkat}, ENOENT, {4, AT_EMPTY_PATH}},
+              {"named", {SYS_openat}, EOPNOTSUPP, {2, O_TMPFILE & ~O_DIRECTORY}}};
+  for (const auto& way : ways) {
+    const TemporaryRoot root;
+    EXPECT_TRUE(test::runInChild([&] {
+      ASSERT_TRUE(test::refuseCalls(way.refused, way.error, way.which));
+      body(root);
+    })) << way.name;
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Every way in which a file system lets a file be made.
-enum class Way { kUnnamed, kThroughProc, kNamed };
-constexpr Way kWays[] = {Way::kUnnamed, Way::kThroughProc, Way::kNamed};
-
-int writeBy(Way way, const URL& url, std::string_view bytes,
-            Durability durability = Durability::kNotSynced, mode_t mode = 0644) {
-  const auto write = [&] { return writeFileAtomically(url, bytes, durability, mode); };
-  if (way == Way::kUnnamed) return write();
-  return runWithoutUnnamedFiles(way == Way::kNamed, write);
+int write(const std::string& path, std::string_view bytes, mode_t mode = 0644) {
+  return writeFileAtomically(URL::fileURL(path), bytes, Durability::kSynced, mode);
 }
 
 TEST(WriteFileAtomically, MakesAndReplaces) {
-  for (const Way way : kWays) {
-    SCOPED_TRACE(static_cast<int>(way));
-    const TemporaryRoot root;
+  inEveryWay([](const TemporaryRoot& root) {
     const std::string file = root / "file";
     const auto mode = [&file] {
       struct stat status {};
       return stat(file.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
     };
-    const mode_t mask = umask(027);
-    ASSERT_EQ(0, writeBy(way, URL::fileURL(file), "first", Durability::kSynced, 0666));
-    umask(mask);
+    umask(027);
+    ASSERT_EQ(0, write(file, "first", 0666));
     EXPECT_EQ(0640U, mode());
     EXPECT_EQ("first", test::readAll(file));
     ASSERT_EQ(0, setxattr(file.c_str(), "user.mark", "1", 1, 0));
     const std::string large(3000000, 'y');
-    ASSERT_EQ(0, writeBy(way, URL::fileURL(file), large, Durability::kSynced, 0600));
+    ASSERT_EQ(0, write(file, large, 0600));
     EXPECT_EQ(0600U, mode());
     EXPECT_EQ(large, test::readAll(file));
     EXPECT_EQ(-1, getxattr(file.c_str(), "user.mark", nullptr, 0));
     root.makeLink("link", "file");
     const std::string longest(255, 'n');
     for (const std::string& name : {std::string("link"), longest, longest})
-      ASSERT_EQ(0, writeBy(way, URL::fileURL(root / name), "new"));
+      ASSERT_EQ(0, write(root / name, "new"));
     EXPECT_FALSE(std::filesystem::is_symlink(root / "link"));
     EXPECT_EQ(large, test::readAll(file));
     EXPECT_EQ(3U, entriesIn(root.path()));
@@ -129,17 +107,15 @@ TEST(WriteFileAtomically, MakesAndReplaces) {
         [&] { mkfifo((root / ".file.writing").c_str(), 0600); }};
     for (const auto& leave : kLeftOvers) {
       leave();
-      ASSERT_EQ(0, writeBy(way, URL::fileURL(file), "after"));
+      ASSERT_EQ(0, write(file, "after"));
       EXPECT_EQ("after", test::readAll(file));
       EXPECT_EQ(3U, entriesIn(root.path()));
     }
-  }
+  });
 }
 
 TEST(WriteFileAtomically, LeavesNothingWhereItFails) {
-  for (const Way way : kWays) {
-    SCOPED_TRACE(static_cast<int>(way));
-    const TemporaryRoot root;
+  inEveryWay([](const TemporaryRoot& root) {
     root.makeFile("file", "old");
     root.makeDirectory("directory");
     const std::pair<std::string, int> kCases[] = {{root / "directory", EISDIR},
@@ -148,39 +124,30 @@ TEST(WriteFileAtomically, LeavesNothingWhereItFails) {
                                                   {root / "file/below", ENOTDIR},
                                                   {root / std::string(256, 'n'), ENAMETOOLONG},
                                                   {"relative", ENOENT}};
-    for (const auto& [path, error] : kCases)
-      EXPECT_EQ(error, writeBy(way, URL::fileURL(path), "new")) << path;
+    for (const auto& [path, error] : kCases) EXPECT_EQ(error, write(path, "new")) << path;
     EXPECT_EQ(EILSEQ, writePropertyListFile(Value::array({Value()}), URL::fileURL(root / "file"),
                                             PropertyListFormat::kXML, Durability::kNotSynced));
     EXPECT_EQ(2U, entriesIn(root.path()));
     EXPECT_EQ("old", test::readAll(root / "file"));
-  }
+  });
 }
 
 // Three processes write, this one reads: each content is a run of one letter whose length belongs
 // to the letter.
 TEST(WriteFileAtomically, WritersAndReadersNeverMeet) {
-  for (const Way way : kWays) {
-    SCOPED_TRACE(static_cast<int>(way));
-    const TemporaryRoot root;
+  inEveryWay([](const TemporaryRoot& root) {
     const URL url = URL::fileURL(root.makeFile("file", "a"));
     constexpr int kWriters = 3;
-    constexpr int kWrites = 300;
-    pid_t writers[kWriters];
     for (int w = 0; w < kWriters; ++w) {
-      writers[w] = fork();
-      if (writers[w] != 0) continue;
-      const auto write = [&] {
-        for (int i = 0; i < kWrites; ++i) {
-          const int letter = (i + w) % 26;
-          const std::string bytes(static_cast<size_t>(letter) * 4000 + 1,
-                                  static_cast<char>('a' + letter));
-          if (const int error = writeFileAtomically(url, bytes, Durability::kNotSynced))
-            return error;
-        }
-        return 0;
-      };
-      _exit(way == Way::kUnnamed ? write() : runWithoutUnnamedFiles(way == Way::kNamed, write));
+      if (fork() != 0) continue;
+      int error = 0;
+      for (int i = 0; i < 300 && error == 0; ++i) {
+        const int letter = (i + w) % 26;
+        const std::string bytes(static_cast<size_t>(letter) * 4000 + 1,
+                                static_cast<char>('a' + letter));
+        error = writeFileAtomically(url, bytes, Durability::kNotSynced);
+      }
+      _exit(error);
     }
     for (int running = kWriters; running > 0;) {
       const auto bytes = readFile(url);
@@ -194,7 +161,7 @@ TEST(WriteFileAtomically, WritersAndReadersNeverMeet) {
       --running;
     }
     EXPECT_EQ(1U, entriesIn(root.path()));
-  }
+  });
 }
 
 TEST(PropertyListFile, TellsWhatIsWrong) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -50,6 +51,21 @@ std::string readUp(int descriptor) {
 }
 
 }  // namespace
+
+bool runInChild(const std::function<void()>& body) {
+  std::fflush(nullptr);
+  const pid_t child = checked(fork(), "fork");
+  if (child == 0) {
+    body();
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status)) std::fprintf(stderr, "the child died\n");
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
 ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.terminalColumns != 0) {
   output_.reset(checked(memfd_create("output", MFD_CLOEXEC), "memfd_create"));

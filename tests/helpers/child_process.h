@@ -16,6 +16,10 @@ struct ProcessOutcome {
   std::string err;
 };
 
+// Runs `body` in a forked child: whatever it changes of its process stays there. Assertions inside
+// report as usual; false when any failed or when the child died: EXPECT_TRUE(runInChild(...)).
+[[nodiscard]] bool runInChild(const std::function<void()>& body);
+
 // A program under test, run as a process of its own.
 class ChildProcess {
  public:

@@ -27,8 +27,7 @@ class Mount {
   static Mount tmpfs(const std::string& directory, const std::string& options = "");
   // Makes the file `image` with an empty ext4 file system of `mebibytes` and mounts it through a
   // loop device.
-  static Mount ext4Image(const std::string& image, const std::string& directory, int mebibytes,
-                         const std::string& options = "");
+  static Mount ext4Image(const std::string& image, const std::string& directory, int mebibytes);
   static Mount bind(const std::string& source, const std::string& directory);
 
   Mount(const Mount&) = delete;
@@ -39,7 +38,7 @@ class Mount {
   [[nodiscard]] bool mounted() const { return mounted_; }
 
  private:
-  Mount(std::string directory, bool mounted);
+  Mount(const std::string& directory, bool mounted) : directory_(directory), mounted_(mounted) {}
 
   std::string directory_;
   bool mounted_;

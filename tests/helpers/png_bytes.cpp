@@ -12,15 +12,6 @@ std::string bigEndian(uint32_t number) {
   return bytes;
 }
 
-uint32_t crc32(std::string_view bytes) {
-  uint32_t crc = ~0U;
-  for (const char byte : bytes) {
-    crc ^= static_cast<uint8_t>(byte);
-    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320U : 0);
-  }
-  return ~crc;
-}
-
 std::string chunk(const std::string& type, const std::string& content) {
   return bigEndian(static_cast<uint32_t>(content.size())) + type + content +
          bigEndian(crc32(type + content));
@@ -45,6 +36,15 @@ class BitWriter {
 };
 
 }  // namespace
+
+uint32_t crc32(std::string_view bytes) {
+  uint32_t crc = ~0U;
+  for (const char byte : bytes) {
+    crc ^= static_cast<uint8_t>(byte);
+    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320U : 0);
+  }
+  return ~crc;
+}
 
 std::string zlibStored(std::string_view bytes) {
   uint32_t a = 1;

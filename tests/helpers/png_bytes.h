@@ -22,6 +22,8 @@ struct PNGParts {
 };
 
 std::string pngBytes(const PNGParts& parts);
+// The checksum of a chunk's type and content.
+uint32_t crc32(std::string_view bytes);
 // `bytes` as a zlib stream of stored blocks.
 std::string zlibStored(std::string_view bytes);
 // A zlib stream that unfolds to `size` zero bytes: about a thousandth of that long.

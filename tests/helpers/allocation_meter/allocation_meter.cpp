@@ -1,7 +1,6 @@
 #include "tests/helpers/allocation_meter/allocation_meter.h"
 
 #include <atomic>
-#include <cerrno>
 #include <malloc.h>
 
 #if defined(__has_feature)
@@ -35,6 +34,13 @@ void released(size_t size) {
 
 }  // namespace
 
+AllocationMeter::AllocationMeter() {
+  gLive = gPeak = 0;
+  gCounting = true;
+}
+
+AllocationMeter::~AllocationMeter() { gCounting = false; }
+
 size_t AllocationMeter::peak() const { return static_cast<size_t>(gPeak.load()); }
 
 }  // namespace pallion::test
@@ -47,15 +53,11 @@ int __sanitizer_install_malloc_and_free_hooks(void (*allocated)(const volatile v
                                               void (*released)(const volatile void*));
 }
 
-pallion::test::AllocationMeter::AllocationMeter() {
-  [[maybe_unused]] static const int kInstalled = __sanitizer_install_malloc_and_free_hooks(
-      [](const volatile void*, size_t size) { allocated(size); },
-      [](const volatile void* pointer) {
-        if (pointer) released(__sanitizer_get_allocated_size(pointer));
-      });
-  gLive = gPeak = 0;
-  gCounting = true;
-}
+[[maybe_unused]] static const int kInstalled = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, size_t size) { pallion::test::allocated(size); },
+    [](const volatile void* pointer) {
+      if (pointer) pallion::test::released(__sanitizer_get_allocated_size(pointer));
+    });
 
 #else
 
@@ -64,7 +66,6 @@ extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* pointer, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* pointer);
 
 #define PALLION_INTERPOSED __attribute__((visibility("default"), used))
@@ -83,27 +84,10 @@ PALLION_INTERPOSED void* realloc(void* pointer, size_t size) {
   if (after || size == 0) pallion::test::released(before);
   return counted(after);
 }
-PALLION_INTERPOSED void* memalign(size_t alignment, size_t size) {
-  return counted(__libc_memalign(alignment, size));
-}
-PALLION_INTERPOSED void* aligned_alloc(size_t alignment, size_t size) {
-  return counted(__libc_memalign(alignment, size));
-}
-PALLION_INTERPOSED int posix_memalign(void** pointer, size_t alignment, size_t size) {
-  *pointer = counted(__libc_memalign(alignment, size));
-  return *pointer ? 0 : ENOMEM;
-}
 PALLION_INTERPOSED void free(void* pointer) {
   pallion::test::released(malloc_usable_size(pointer));
   __libc_free(pointer);
 }
 }
 
-pallion::test::AllocationMeter::AllocationMeter() {
-  gLive = gPeak = 0;
-  gCounting = true;
-}
-
 #endif
-
-pallion::test::AllocationMeter::~AllocationMeter() { gCounting = false; }

@@ -5,9 +5,9 @@
 
 namespace pallion::test {
 
-// Counts what the process has allocated with malloc and its kin (operator new and the libraries in
-// C included, stacks and mappings not). One meter at a time. In sanitized programs the sizes are
-// those asked for, otherwise those that the allocator gave.
+// Counts what the process has allocated with malloc, calloc and realloc (operator new and the
+// libraries in C included; stacks, mappings and over-aligned memory not). One meter at a time. In
+// sanitized programs the sizes are those asked for, otherwise those that the allocator gave.
 class AllocationMeter {
  public:
   AllocationMeter();
