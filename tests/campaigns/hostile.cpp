@@ -25,8 +25,11 @@ bool survives(const std::string& kind, uint64_t swaps) {
               outcome.seconds, outcome.firstChange.c_str());
   const bool inVain = outcome.swaps < swaps && outcome.canaryChanges == 0;
   if (inVain) std::printf("%s: nothing could be swapped any more\n", kind.c_str());
+  // A removal tries again where it meets something else than before, so hardly any one fails.
+  const bool failsOften = kind == "removal" && outcome.errors * 10 > outcome.rounds;
+  if (failsOften) std::puts("too many removals fail");
   std::fflush(stdout);
-  return outcome.canaryChanges == 0 && !inVain;
+  return outcome.canaryChanges == 0 && !inVain && !failsOften;
 }
 
 }  // namespace

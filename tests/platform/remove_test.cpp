@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,14 +11,13 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
-#include <thread>
 #include <unistd.h>
 
 #include "platform/recursive_remove.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
+#include "tests/helpers/tree_of_everything.h"
 
 namespace pallion::test {
 namespace {
@@ -118,35 +116,25 @@ class Remove : public testing::Test {
 };
 
 TEST_F(Remove, TakesEveryKindOfItemAtTheTopAndBelow) {
-  if (!isRoot()) GTEST_SKIP() << "needs to make a device";
-  const auto directory = [](const char* path) { return mkdir(path, 0700) == 0; };
-  const std::pair<std::string, std::function<bool(const char* path)>> kinds[] = {
-      {"file", [](const char* path) { return mknod(path, S_IFREG | 0600, 0) == 0; }},
-      {"full", [](const char* path) { return makeChain(path, 3), true; }},
-      {"unwritable", [](const char* path) { return makeChain(path, 1), chmod(path, 0) == 0; }},
-      {"dangling", [](const char* path) { return symlink("nowhere", path) == 0; }},
-      {"to directory", [&](const char* path) { return symlink(canary_.c_str(), path) == 0; }},
-      {"to file", [&](const char* path) { return symlink(canaryFile_.c_str(), path) == 0; }},
-      {"to itself", [](const char* path) { return symlink(".", path) == 0; }},
-      {"hard link", [&](const char* path) { return link(canaryFile_.c_str(), path) == 0; }},
-      {"fifo", [](const char* path) { return mkfifo(path, 0600) == 0; }},
-      {"socket", [](const char* path) { return mknod(path, S_IFSOCK | 0600, 0) == 0; }},
-      {"device", [](const char* path) { return mknod(path, S_IFCHR, makedev(1, 3)) == 0; }},
-      {"not \xFF\xFE text\n", directory},
-      {std::string(255, 'n'), directory},
-      {"...", directory}};
-  root_.makeDirectory("top/below");
-  for (const auto& [name, make] : kinds) {
-    ASSERT_TRUE(make((root_ / name).c_str()) && make((top_ + "/below/" + name).c_str())) << name;
-    // A slash at the end doesn't make the removal follow a link.
-    EXPECT_EQ(removeAt((root_ / name) + "/").number, 0) << name;
-    EXPECT_FALSE(exists(root_ / name)) << name;
+  if (!isRoot()) GTEST_SKIP() << "needs to make devices and attributes";
+  for (const bool oneByOne : {true, false}) {
+    buildTree(top_);
+    root_.makeDirectory("top/...");
+    root_.makeLink("top/to a directory outside", canary_);
+    root_.makeLink("top/to a file outside", canaryFile_);
+    fs::create_hard_link(canaryFile_, top_ + "/name of a file outside");
+    std::vector<fs::path> items{top_};
+    if (oneByOne) items.assign(fs::directory_iterator(top_), fs::directory_iterator());
+    for (const fs::path& item : items) {
+      // A slash at the end doesn't make the removal follow a link.
+      const Removal outcome = removeAt(item / "");
+      EXPECT_EQ(outcome.number, 0) << item;
+      EXPECT_EQ(outcome.reports, Reports{});
+      EXPECT_FALSE(exists(item)) << item;
+    }
+    EXPECT_TRUE(canaryIsWhole());
+    fs::remove(top_);
   }
-  const Removal outcome = removeAt(top_);
-  EXPECT_EQ(outcome.number, 0);
-  EXPECT_EQ(outcome.reports, Reports{});
-  EXPECT_FALSE(exists(top_));
-  EXPECT_TRUE(canaryIsWhole());
 }
 
 TEST_F(Remove, AnyDepthAndWidthWithFewDescriptorsAndLittleStack) {
@@ -304,38 +292,6 @@ TEST_F(Remove, ADirectoryMovedAwayLeadsNowhereElse) {
     EXPECT_TRUE(!exists(top_) || countFiles(top_) == 0);
     for (const std::string& rest : {top_, moved, canary_ + "/next"}) removeAt(rest);
   }
-}
-
-TEST_F(Remove, ExchangedLinksLeadNowhereElse) {
-  std::atomic<bool> removing = false;
-  std::atomic<int> swaps = 0;
-  const std::jthread swapper([&](const std::stop_token& stop) {
-    while (!stop.stop_requested()) {
-      const bool swapped = renameat2(AT_FDCWD, (top_ + "/a/first").c_str(), AT_FDCWD,
-                                     (top_ + "/a/second").c_str(), RENAME_EXCHANGE) == 0;
-      if (swapped && removing) ++swaps;
-    }
-  });
-  int failures = 0;
-  for (int round = 0; round < 150; ++round) {
-    // Complete before the swapper finds it.
-    root_.makeLink("new/a/second", canary_);
-    for (int i = 0; i < 30; ++i) root_.makeFile("new/a/first/sub/" + std::to_string(i));
-    ASSERT_EQ(rename((root_ / "new").c_str(), top_.c_str()), 0);
-    removing = true;
-    const Removal outcome = removeAt(top_);
-    removing = false;
-    ASSERT_EQ(outcome.number == 0, outcome.reports.empty());
-    ASSERT_EQ(outcome.number == 0, !exists(top_));
-    ASSERT_TRUE(canaryIsWhole());
-    if (outcome.number == 0) continue;
-    const std::string left = root_ / ("left" + std::to_string(++failures));
-    ASSERT_EQ(rename(top_.c_str(), left.c_str()), 0);
-  }
-  EXPECT_GT(swaps, 150);
-  // Each call that meets something else than the one before tries again, so hardly any removal
-  // fails.
-  EXPECT_LT(failures, 15);
 }
 
 TEST_F(Remove, WhatIsMountedInTheTreeStays) {

@@ -159,44 +159,27 @@ TEST_F(TreeCopyTest, RefusesAndLeavesTheSourceWhole) {
 }
 
 TEST_F(TreeCopyTest, FailsWithWhateverCallFails) {
-  for (const long number : {SYS_openat,
-                            SYS_statx,
-                            SYS_mkdirat,
-                            SYS_getdents64,
-                            SYS_read,
-                            SYS_pread64,
-                            SYS_pwrite64,
-                            SYS_lseek,
-                            SYS_ftruncate,
-                            SYS_copy_file_range,
-                            SYS_fchown,
-                            SYS_fchownat,
-                            SYS_fchmod,
-                            SYS_flistxattr,
-                            SYS_fgetxattr,
-                            SYS_fsetxattr,
-                            SYS_utimensat,
-                            SYS_linkat,
-                            SYS_symlinkat,
-                            SYS_readlinkat,
-                            SYS_mknodat,
-                            SYS_close,
-                            SYS_fremovexattr,
-                            452,
-                            463,
-                            464,
-                            465}) {
-    SCOPED_TRACE(number);
-    onVolume([&] {
-      buildTree(tree_);
-      // What a new item inherited is what is taken away from it.
-      if (number == SYS_fremovexattr)
-        setAttribute(root_ / "m", "system.posix_acl_default", accessList(7));
-      // Only without offloading are large files read.
-      ASSERT_TRUE(number != SYS_pread64 || refuseCalls({SYS_copy_file_range}, EXDEV));
-      ASSERT_TRUE(refuseCalls({number}, EIO));
-      EXPECT_EQ(copyTree(tree_, copy_), EIO);
-    });
+  const std::vector<long> kinds[] = {
+      {SYS_openat, SYS_statx, SYS_mkdirat, SYS_getdents64, SYS_close},
+      {SYS_read, SYS_pread64, SYS_pwrite64, SYS_lseek, SYS_ftruncate, SYS_copy_file_range},
+      {SYS_fchown, SYS_fchownat, SYS_fchmod, SYS_utimensat},
+      {SYS_linkat, SYS_symlinkat, SYS_readlinkat, SYS_mknodat},
+      {SYS_flistxattr, SYS_fgetxattr, SYS_fsetxattr, SYS_fremovexattr},
+      {452, 463, 464, 465}};  // modes and attributes by name
+  for (const auto& kind : kinds) {
+    for (const long number : kind) {
+      SCOPED_TRACE(number);
+      onVolume([&] {
+        buildTree(tree_);
+        // What a new item inherited is what is taken away from it.
+        if (number == SYS_fremovexattr)
+          setAttribute(root_ / "m", "system.posix_acl_default", accessList(7));
+        // Only without offloading are large files read.
+        ASSERT_TRUE(number != SYS_pread64 || refuseCalls({SYS_copy_file_range}, EXDEV));
+        ASSERT_TRUE(refuseCalls({number}, EIO));
+        EXPECT_EQ(copyTree(tree_, copy_), EIO);
+      });
+    }
   }
 }
 
