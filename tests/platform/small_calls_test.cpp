@@ -11,6 +11,7 @@
 #include "platform/make_path.h"
 #include "platform/protection_class.h"
 #include "platform/set_aside.h"
+#include "tests/helpers/child_process.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
@@ -48,9 +49,10 @@ TEST(MakePath, MakesWhatIsMissing) {
   EXPECT_EQ(MakePath::system().make("", 0750), ENOENT);
   EXPECT_EQ(MakePath::system().make("/", 0750), EEXIST);
   // Relative, and the mode for every directory made.
-  ASSERT_EQ(chdir(root.path().c_str()), 0);
-  EXPECT_EQ(MakePath::system().make("relative/path", 0700), 0);
-  ASSERT_EQ(chdir("/"), 0);
+  EXPECT_TRUE(test::runInChild([&] {
+    ASSERT_EQ(chdir(root.path().c_str()), 0);
+    EXPECT_EQ(MakePath::system().make("relative/path", 0700), 0);
+  }));
   EXPECT_EQ(std::filesystem::status(root / "relative").permissions(),
             std::filesystem::perms::owner_all);
   if (!test::canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
@@ -88,11 +90,10 @@ TEST(SetAside, RenamesInPlaceUnderANameOfItsOwn) {
                             ".com.orlix.pallion.moved.F47AC10B-58CC-1372-A567-0E02B2C3D479",
                             ".com.orlix.pallion.moved.F47AC10B-58CC-4372-C567-0E02B2C3D479"})
     EXPECT_FALSE(isSetAsideName(other)) << other;
-  if (!test::canMount()) GTEST_SKIP() << "needs a child of its own";
   // Where renames take no flags, and where they fail.
   for (const auto& [number, outcome] : {std::pair{EINVAL, 0}, {ENOSYS, 0}, {EIO, -1}}) {
     const std::string file = root.makeFile("file");
-    EXPECT_TRUE(test::runInMountNamespace([&, refused = number, expected = outcome] {
+    EXPECT_TRUE(test::runInChild([&, refused = number, expected = outcome] {
       ASSERT_TRUE(test::refuseCalls({SYS_renameat2}, refused));
       std::string moved;
       EXPECT_EQ(setAside(file.c_str(), moved), expected);
@@ -138,10 +139,9 @@ TEST(Attributes, AreReadAndWrittenWithoutFollowingLinks) {
     EXPECT_EQ(classes.get(item.get()), -1);
     EXPECT_EQ(errno, EINVAL) << damaged.size();
   }
-  if (!test::canMount()) GTEST_SKIP() << "needs a child of its own";
   // Without attributes there is no effect.
   for (const auto& [number, outcome] : {std::pair{ENOTSUP, 0}, {EROFS, -1}}) {
-    EXPECT_TRUE(test::runInMountNamespace([&, refused = number, expected = outcome] {
+    EXPECT_TRUE(test::runInChild([&, refused = number, expected = outcome] {
       ASSERT_TRUE(test::refuseCalls({SYS_fgetxattr, SYS_fsetxattr}, refused));
       EXPECT_EQ(classes.set(item.get(), 4), expected);
       EXPECT_EQ(classes.get(item.get()), expected);

@@ -3,20 +3,21 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <functional>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/ptrace.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/uio.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/cpu_usage_monitor.h"
 #include "platform/service_transactions.h"
-#include "tests/helpers/mounts.h"
+#include "tests/helpers/child_process.h"
+#include "tests/helpers/temporary_root.h"
 
 // The linker's names for the bounds of a section.
 extern "C" const pallion::CrashAnnotationRecord __start___crash_info;
@@ -26,38 +27,21 @@ namespace pallion::test {
 
 namespace {
 
-bool readMemory(pid_t process, uint64_t address, void* into, size_t count) {
-  const iovec local{into, count};
-  const iovec remote{reinterpret_cast<void*>(address), count};
-  return process_vm_readv(process, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(count);
-}
-
-// Runs `body` in a forked child and answers the report in its memory some time after a signal was
-// about to end it.
-std::string crashReportOf(const std::function<void()>& body, useconds_t microseconds = 0) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const rlimit noCore{0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    alarm(20);
-    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+// Runs `body` in a child and answers the report in its memory some time after a signal was about to
+// end it.
+std::string crashReportOf(const std::function<void()>& body) {
+  static const UniqueDescriptor report(memfd_create("report", MFD_CLOEXEC));
+  EXPECT_EQ(ftruncate(report.get(), 0), 0);
+  EXPECT_TRUE(runInChild([&body] {
+    std::signal(SIGABRT, [](int) {
+      usleep(200000);
+      const auto* text = reinterpret_cast<const char*>(crashAnnotation.message);
+      _exit(pwrite(report.get(), text, std::strlen(text), 0) < 0 ? 1 : 0);
+    });
     body();
-    _exit(0);
-  }
-  int status = 0;
-  if (waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return "no crash";
-  EXPECT_EQ(WSTOPSIG(status), SIGABRT);
-  usleep(microseconds);
-  CrashAnnotationRecord record{};
-  std::string report;
-  if (readMemory(child, reinterpret_cast<uint64_t>(&crashAnnotation), &record, sizeof record)) {
-    char c = 0;
-    for (uint64_t at = record.message; readMemory(child, at, &c, 1) && c != 0; ++at) report += c;
-  }
-  EXPECT_EQ(record.version, 5U);
-  ptrace(PTRACE_DETACH, child, nullptr, reinterpret_cast<void*>(uintptr_t{SIGABRT}));
-  waitpid(child, nullptr, 0);
-  return report;
+    ADD_FAILURE() << "no crash";
+  }));
+  return readAll("/proc/self/fd/" + std::to_string(report.get()));
 }
 
 // The soft limit on processor time of this process, in seconds.
@@ -83,8 +67,7 @@ class CountingMonitor : public CPUUsageMonitor {
 }  // namespace
 
 TEST(ProcessHelpers, OnlyTheOutermostAssertionReachesTheMonitor) {
-  if (!canMount()) GTEST_SKIP() << "needs a child of its own";
-  EXPECT_TRUE(runInMountNamespace([] {
+  EXPECT_TRUE(runInChild([] {
     limitTo(1000);
     PLAssertHighResourceUsage();
     PLAssertHighResourceUsage();
@@ -143,6 +126,7 @@ TEST(ProcessHelpers, AnUncaughtExceptionLeavesItsReport) {
   // The crash reporter finds the record by the name of its section.
   EXPECT_EQ(&__start___crash_info, &crashAnnotation);
   EXPECT_EQ(&__stop___crash_info - &__start___crash_info, 1);
+  EXPECT_EQ(crashAnnotation.version, 5U);
   const std::string head = "** INTERNAL ERROR: Uncaught Exception **\nException: ";
   const struct {
     const char* thread;  // null for a thread that was given no name
@@ -169,7 +153,7 @@ TEST(ProcessHelpers, AnUncaughtExceptionLeavesItsReport) {
     }).detach();
     PLCrashOnException({"First", std::nullopt, {}});
   };
-  EXPECT_EQ(crashReportOf(twoThreads, 200000), head + "First: \nStack:\n");
+  EXPECT_EQ(crashReportOf(twoThreads), head + "First: \nStack:\n");
 }
 
 }  // namespace pallion::test
