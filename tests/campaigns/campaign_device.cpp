@@ -36,22 +36,39 @@ void fill(const std::string& from, const std::string& to) {
   }
 }
 
-}  // namespace
+void run(const std::vector<std::string>& arguments) {
+  const ProcessOutcome outcome = runProcess({.arguments = arguments});
+  if (outcome.status != 0) giveUp(arguments[0] + ": " + outcome.err);
+}
 
+// Path of a program that was built beside this one.
 std::string programPath(const char* name) {
   return fs::read_symlink("/proc/self/exe").parent_path() / name;
 }
 
-CampaignDevice::CampaignDevice(Volumes volumes, const std::vector<std::string>& layoutOptions)
-    : original_(directory_ / "original"), root_(directory_ / "device"), log_(directory_ / "log") {
+}  // namespace
+
+CampaignDevice::CampaignDevice(Volumes volumes, const std::vector<std::string>& layoutOptions,
+                               std::string fileSystem)
+    : original_(directory_ / "original"),
+      root_(directory_ / "device"),
+      log_(directory_ / "log"),
+      fileSystem_(std::move(fileSystem)) {
   std::vector<std::string> maker = {programPath("make-old-layout"), "--root", original_};
   maker.insert(maker.end(), layoutOptions.begin(), layoutOptions.end());
-  if (const auto made = runProcess({.arguments = maker}); made.status != 0) giveUp(made.err);
+  run(maker);
   before_ = std::make_unique<DeviceState>(original_);
 
   places_ = {root_};
-  if (volumes == Volumes::kThree) {
-    for (const char* place : {kOldLayout, kGroups, kNewLayout}) places_.push_back(root_ + place);
+  if (volumes != Volumes::kOne) places_.push_back(root_ + kOldLayout);
+  if (volumes == Volumes::kThree) places_.push_back(root_ + kGroups);
+  if (volumes != Volumes::kOne) places_.push_back(root_ + kNewLayout);
+  if (fileSystem_ != "tmpfs") {
+    const std::string storage = directory_.makeDirectory("storage");
+    mountAt(storage, [&] { return Mount::tmpfs(storage, "size=1g,mode=0755"); });
+    storage_ = std::move(mounts_.back());
+    for (; places_.size() > (volumes == Volumes::kOne ? 0U : 1U); places_.pop_back())
+      images_[places_.back()] = storage + "/" + std::to_string(places_.size());
   }
   reset();
   undisturbed_ = migrateUndisturbed();
@@ -61,15 +78,32 @@ CampaignDevice::CampaignDevice(Volumes volumes, const std::vector<std::string>& 
     giveUp("an undisturbed run is wrong: " + different);
 }
 
+void CampaignDevice::mountAt(const std::string& place, const std::function<Mount()>& mount) {
+  fs::create_directories(place);
+  mounts_.emplace_back(new Mount(mount()));
+  if (!mounts_.back()->mounted()) giveUp("can't mount a volume at " + place);
+}
+
 void CampaignDevice::reset() {
   while (!mounts_.empty()) mounts_.pop_back();
-  for (const std::string& place : places_) {
-    fs::create_directories(place);
-    mounts_.emplace_back(new Mount(Mount::tmpfs(place, "size=256m,mode=0755")));
-    if (!mounts_.back()->mounted()) giveUp("can't mount a volume at " + place);
+  for (const std::string& place : places_)
+    mountAt(place, [&place] { return Mount::tmpfs(place, "size=256m,mode=0755"); });
+  for (const auto& [place, image] : images_) {
+    fs::remove(image);
+    run({"/usr/bin/truncate", "-s", fileSystem_ == "ext4" ? "96M" : "320M", image});
+    run({"/sbin/mkfs." + fileSystem_, "-q", image});
   }
+  mountImages();
   fill(original_, root_);
+  for (const auto& [place, image] : images_) run({"/bin/sync", "-f", place});
 }
+
+void CampaignDevice::mountImages() {
+  for (const auto& [place, image] : images_)
+    mountAt(place, [&place = place, &image = image] { return Mount::image(image, place); });
+}
+
+void CampaignDevice::unmountImages() { mounts_.resize(places_.size()); }
 
 GatedProcess::Outcome CampaignDevice::migrate(const GatedProcess::Gate& gate) const {
   return GatedProcess::run(

@@ -59,8 +59,13 @@ Mount Mount::ext4Image(const std::string& image, const std::string& directory, i
   const UniqueDescriptor file(open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   const bool made = file && ftruncate(file.get(), off_t{mebibytes} << 20) == 0;
   if (!made) std::perror(image.c_str());
-  return {directory, made && runProgram({"/sbin/mkfs.ext4", "-q", "-F", "-b", "4096", image}) &&
-                         runProgram({"/bin/mount", "-t", "ext4", "-o", "loop", image, directory})};
+  if (!made || !runProgram({"/sbin/mkfs.ext4", "-q", "-F", "-b", "4096", image}))
+    return {directory, false};
+  return Mount::image(image, directory);
+}
+
+Mount Mount::image(const std::string& image, const std::string& directory) {
+  return {directory, runProgram({"/bin/mount", "-o", "loop", image, directory})};
 }
 
 Mount Mount::bind(const std::string& source, const std::string& directory) {

@@ -28,6 +28,8 @@ class Mount {
   // Makes the file `image` with an empty ext4 file system of `mebibytes` and mounts it through a
   // loop device.
   static Mount ext4Image(const std::string& image, const std::string& directory, int mebibytes);
+  // Mounts the file system of an image through a loop device.
+  static Mount image(const std::string& image, const std::string& directory);
   static Mount bind(const std::string& source, const std::string& directory);
 
   Mount(const Mount&) = delete;
