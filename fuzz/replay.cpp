@@ -12,34 +12,25 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-size_t replay(const std::filesystem::path& directory) {
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    files.push_back(entry.path());
-  std::sort(files.begin(), files.end());
-  for (const std::filesystem::path& path : files) {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<char> content{std::istreambuf_iterator<char>(file), {}};
-    if (file.bad()) throw std::runtime_error("can't be read: " + path.string());
-    std::printf("%s\n", path.c_str());
-    std::fflush(stdout);  // the last one printed is the one that ended the process
-    // Exactly as large as the content, so that a sanitizer sees each byte read beyond it.
-    const std::vector<uint8_t> bytes(content.begin(), content.end());
-    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-  }
-  return files.size();
-}
-
-}  // namespace
-
 int main(int count, char** arguments) {
   try {
-    size_t inputs = 0;
-    for (int i = 1; i < count; ++i) inputs += replay(arguments[i]);
-    if (inputs == 0) std::fputs("no input\n", stderr);
-    return inputs == 0 ? 1 : 0;
+    std::vector<std::filesystem::path> files;
+    for (int i = 1; i < count; ++i) {
+      for (const auto& entry : std::filesystem::directory_iterator(arguments[i]))
+        files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    for (const std::filesystem::path& path : files) {
+      std::printf("%s\n", path.c_str());
+      std::fflush(stdout);  // the last one printed is the one that ended the process
+      std::ifstream file(path, std::ios::binary);
+      file.exceptions(std::ios::badbit);
+      // Exactly as large as the content, so that a sanitizer sees each byte read beyond it.
+      const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+      LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    }
+    if (files.empty()) std::fputs("no input\n", stderr);
+    return files.empty() ? 1 : 0;
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "%s\n", failure.what());
     return 1;

@@ -65,43 +65,35 @@ TEST(Dictionary, NearlyEqualContainerKeysStayCheap) {
 TEST(Value, EqualValuesHashAlike) {
   const Value one = Value::integer(1);
   const Value two = Value::integer(2);
-  const Value values[] = {Value(),
-                          Value::string("1"),
-                          Value::data("1"),
-                          one,
-                          Value::real(1),
-                          Value::boolean(true),
-                          Value::date(1),
-                          Value::real(0),
-                          Value::real(-0.0),
-                          Value::integer(0),
-                          Value::boolean(false),
-                          Value::unsignedInteger(UINT64_MAX),
-                          Value::integer(-1),
-                          Value::real(18446744073709551616.0),
-                          Value::real(9223372036854775808.0),
-                          Value::integer(INT64_MAX),
-                          Value::array({}),
-                          Value::set({}),
-                          Value::dictionary({}),
-                          Value::array({one, two}),
-                          Value::array({two, one}),
-                          Value::set({one, two}),
-                          Value::set({Value::real(2), one, two}),
-                          Value::dictionary({{"a", one}, {"b", two}}),
-                          Value::dictionary({{"b", two}, {"a", one}})};
-  size_t equal = 0;
-  for (const Value& a : values) {
-    for (const Value& b : values) {
-      EXPECT_EQ(a == b, b == a);
-      if (!(a == b)) continue;
-      ++equal;
-      EXPECT_EQ(a.hash(), b.hash()) << description(a) << " and " << description(b);
+  const std::vector<Value> classes[] = {
+      {Value()},
+      {Value::string("1")},
+      {Value::data("1")},
+      {one, Value::real(1)},
+      {Value::boolean(true)},
+      {Value::date(1)},
+      {Value::integer(0), Value::real(0), Value::real(-0.0)},
+      {Value::boolean(false)},
+      {Value::unsignedInteger(UINT64_MAX), Value::real(18446744073709551616.0)},
+      {Value::integer(INT64_MAX), Value::real(9223372036854775808.0)},
+      {Value::integer(-1)},
+      {Value::array({}), Value::array({})},
+      {Value::set({})},
+      {Value::dictionary({})},
+      {Value::array({one, two})},
+      {Value::array({two, one})},
+      {Value::set({one, two}), Value::set({Value::real(2), one, two})},
+      {Value::dictionary({{"a", one}, {"b", two}}), Value::dictionary({{"b", two}, {"a", one}})}};
+  for (const auto& these : classes) {
+    for (const auto& those : classes) {
+      for (const Value& a : these) {
+        for (const Value& b : those) {
+          EXPECT_EQ(a == b, &these == &those) << description(a) << " and " << description(b);
+          EXPECT_TRUE(!(a == b) || a.hash() == b.hash()) << description(a);
+        }
+      }
     }
   }
-  // Each with itself; 1 = 1.0; 0.0 = -0.0 = 0; UINT64_MAX = 2^64 and INT64_MAX = 2^63 as doubles;
-  // two sets; two dictionaries.
-  EXPECT_EQ(std::size(values) + 2 * (1 + 3 + 1 + 1 + 1 + 1), equal);
 }
 
 TEST(Value, NumbersConvertAtTheirLimits) {

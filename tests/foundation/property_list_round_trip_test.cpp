@@ -1,6 +1,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 
+#include "foundation/format.h"
 #include "foundation/property_list.h"
 
 namespace pallion {
@@ -69,19 +70,13 @@ TEST(PropertyListRoundTrip, KeepsEveryClassAndEdge) {
 TEST(PropertyListRoundTrip, WritesOnlyWhatCanBeReadBack) {
   Dictionary keyed;
   keyed.set(Value::array({Value::integer(1)}), Value::string("x"));
-  const Value kInNeither[] = {Value(),
-                              Value::array({Value()}),
-                              Value::dictionary({{"a", Value()}}),
-                              array(kPropertyListMaximumDepth + 1),
-                              Value::string("\xff"),
-                              Value::string("\xe2\x82"),
-                              Value::string("\xc0\x80"),
-                              Value::string("\xe0\x9f\xbf"),
-                              Value::string("\xed\xa0\x80"),
-                              Value::string("\xf4\x90\x80\x80"),
-                              Value::dictionary({{"\xff", Value::boolean(true)}}),
-                              Value::date(std::nan("")),
-                              Value::date(HUGE_VAL)};
+  std::vector<Value> inNeither = {
+      Value(), Value::array({Value()}), Value::dictionary({{"a", Value()}}),
+      array(kPropertyListMaximumDepth + 1), Value::dictionary({{"\xff", Value::boolean(true)}})};
+  for (const char* bytes :
+       {"\xff", "\xe2\x82", "\xc0\x80", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
+    inNeither.push_back(Value::string(bytes));
+  for (const double seconds : {std::nan(""), HUGE_VAL}) inNeither.push_back(Value::date(seconds));
   const Value kInBinary[] = {Value::string(std::string(1, '\0')),
                              Value::string("a\x1f"),
                              Value::string("\ufffe"),
@@ -90,9 +85,9 @@ TEST(PropertyListRoundTrip, WritesOnlyWhatCanBeReadBack) {
                              Value::date(-63113904001.0),
                              Value::date(252423993600.0),
                              Value::dictionary(keyed)};
-  for (const Value& value : kInNeither) {
-    EXPECT_FALSE(writePropertyList(value, PropertyListFormat::kXML)) << &value - kInNeither;
-    EXPECT_FALSE(writePropertyList(value, PropertyListFormat::kBinary)) << &value - kInNeither;
+  for (const Value& value : inNeither) {
+    EXPECT_FALSE(writePropertyList(value, PropertyListFormat::kXML)) << &value - inNeither.data();
+    EXPECT_FALSE(writePropertyList(value, PropertyListFormat::kBinary)) << description(value);
   }
   for (const Value& value : kInBinary) {
     EXPECT_FALSE(writePropertyList(value, PropertyListFormat::kXML)) << &value - kInBinary;
