@@ -38,12 +38,6 @@ TreeSnapshot itemAt(const std::string& path) {
   return isBundleName(path) ? withoutTop(snapshotTree(path)) : snapshotTree(path);
 }
 
-size_t entriesOf(const std::string& directory) {
-  std::error_code error;
-  return static_cast<size_t>(
-      std::distance(fs::directory_iterator(directory, error), fs::directory_iterator()));
-}
-
 // Calls `found` with every directory entry at exactly `depth` levels below `directory`.
 void entriesBelow(const std::string& directory, int depth,
                   const std::function<void(const fs::path&)>& found) {
@@ -57,6 +51,16 @@ void entriesBelow(const std::string& directory, int depth,
   }
 }
 
+size_t entriesOf(const std::string& directory) {
+  size_t count = 0;
+  entriesBelow(directory, 1, [&count](const fs::path&) { ++count; });
+  return count;
+}
+
+std::unique_ptr<Registry> registryOf(const std::string& root) {
+  return Registry::atRoot(URL::fileURL(root, URL::Kind::kDirectory), Registry::Access::kReadOnly);
+}
+
 }  // namespace
 
 DeviceState::DeviceState(const std::string& root) {
@@ -64,24 +68,20 @@ DeviceState::DeviceState(const std::string& root) {
     readContainer(entry.path());
   // Paths in the lists are those inside the device.
   const URL map = URL::fileURL(root + kMobile + "/Library/Caches/com.orlix.pallion.plist");
-  if (const auto installMap = readDictionaryFile(map)) {
-    if (const Value groups = installMap->get("GroupContainers"); groups.asDictionary()) {
-      for (const auto& [identifier, entry] : *groups.asDictionary()) {
-        const std::string group = root + *entry.asDictionary()->getString("Container");
-        groups_[*identifier.asString()] = withoutTop(snapshotTree(group));
-        entriesBelow(group, 1, [this](const fs::path& path) {
-          items_.emplace(path.filename(), itemAt(path));
-        });
-      }
-    }
+  const Value groups = readDictionaryFile(map).value_or(Dictionary()).get("GroupContainers");
+  for (const auto& [identifier, entry] :
+       groups.asDictionary() ? *groups.asDictionary() : Dictionary()) {
+    const std::string group = root + *entry.asDictionary()->getString("Container");
+    groups_[*identifier.asString()] = withoutTop(snapshotTree(group));
+    entriesBelow(group, 1,
+                 [this](const fs::path& path) { items_.emplace(path.filename(), itemAt(path)); });
   }
   const URL harborMap = URL::fileURL(root + kMobile + "/Library/Pallion/SafeHarbor.plist");
-  if (const auto harbors = readDictionaryFile(harborMap)) {
-    for (const auto& [identifier, entry] : *harbors) {
-      harbors_[*identifier.asString()] =
-          snapshotTree(root + *entry.asDictionary()->getString("HarborPathKey"));
-      items_.emplace("", harbors_[*identifier.asString()]);
-    }
+  const Dictionary harbors = readDictionaryFile(harborMap).value_or(Dictionary());
+  for (const auto& [identifier, entry] : harbors) {
+    TreeSnapshot& harbor = harbors_[*identifier.asString()];
+    harbor = snapshotTree(root + *entry.asDictionary()->getString("HarborPathKey"));
+    items_.emplace("", harbor);
   }
 }
 
@@ -157,8 +157,7 @@ std::string DeviceState::missingBelow(const std::string& root, Whole whole) cons
 }
 
 std::string registryText(const std::string& root) {
-  const auto registry =
-      Registry::atRoot(URL::fileURL(root, URL::Kind::kDirectory), Registry::Access::kReadOnly);
+  const auto registry = registryOf(root);
   Error error;
   const auto proxies = registry->allProxies(&error);
   const auto harbors = registry->allSafeHarbors(&error);
@@ -192,8 +191,7 @@ std::string DeviceState::differenceAfterMigration(const std::string& root) const
     if (exists(root + kMobile + gone)) say(std::string("still there: ") + gone);
   }
 
-  const auto registry =
-      Registry::atRoot(URL::fileURL(root, URL::Kind::kDirectory), Registry::Access::kReadOnly);
+  const auto registry = registryOf(root);
   Error error;
   const auto proxies = registry->allProxies(&error);
   if (!proxies) return out + "no registry: " + description(error) + "\n";

@@ -16,19 +16,13 @@ namespace {
 using test::pngBytes;
 using test::PNGParts;
 using test::TemporaryRoot;
+using namespace std::string_literals;
 using Bytes = std::vector<uint8_t>;
-
-// Text from a literal that may hold NULs.
-template <size_t n>
-std::string raw(const char (&literal)[n]) {
-  return {literal, n - 1};
-}
 
 Image uniform(uint32_t width, uint32_t height, const Bytes& pixel) {
   Image image{width, height, {}};
-  for (size_t i = 0; i < size_t{width} * height; ++i) {
+  for (size_t i = 0; i < size_t{width} * height; ++i)
     image.pixels.insert(image.pixels.end(), pixel.begin(), pixel.end());
-  }
   return image;
 }
 
@@ -39,18 +33,17 @@ TEST(PNG, EveryKindOfPixelBecomesRedGreenBlueAlpha) {
     const char* name;
     PNGParts parts;
     Bytes pixels;
-  } cases[] = {
-      {"RGBA", {2, 1, 8, 6, raw("\0\1\2\3\4\5\6\7\x08")}, {1, 2, 3, 4, 5, 6, 7, 8}},
-      {"RGB with a transparent colour",
-       {2, 1, 8, 2, raw("\0\1\2\3\4\5\6"), false, {{"tRNS", raw("\0\4\0\5\0\6")}}},
-       {1, 2, 3, 255, 4, 5, 6, 0}},
-      {"gray and alpha", {1, 1, 8, 4, raw("\0\x80\7")}, {128, 128, 128, 7}},
-      {"palette 2 bits with alpha",
-       {2, 1, 2, 3, raw("\0\x40"), false, {{"PLTE", raw("\1\2\3\4\5\6")}, {"tRNS", raw("\x09")}}},
-       {4, 5, 6, 255, 1, 2, 3, 9}},
-      {"interlaced",
-       {2, 2, 8, 2, raw("\0\1\1\1\0\2\2\2\0\3\3\3\4\4\4"), true},
-       {1, 1, 1, 255, 2, 2, 2, 255, 3, 3, 3, 255, 4, 4, 4, 255}}};
+  } cases[] = {{"RGBA", {2, 1, 8, 6, "\0\1\2\3\4\5\6\7\x08"s}, {1, 2, 3, 4, 5, 6, 7, 8}},
+               {"RGB with a transparent colour",
+                {2, 1, 8, 2, "\0\1\2\3\4\5\6"s, false, {{"tRNS", "\0\4\0\5\0\6"s}}},
+                {1, 2, 3, 255, 4, 5, 6, 0}},
+               {"gray and alpha", {1, 1, 8, 4, "\0\x80\7"s}, {128, 128, 128, 7}},
+               {"palette 2 bits with alpha",
+                {2, 1, 2, 3, "\0\x40"s, false, {{"PLTE", "\1\2\3\4\5\6"s}, {"tRNS", "\x09"s}}},
+                {4, 5, 6, 255, 1, 2, 3, 9}},
+               {"interlaced",
+                {2, 2, 8, 2, "\0\1\1\1\0\2\2\2\0\3\3\3\4\4\4"s, true},
+                {1, 1, 1, 255, 2, 2, 2, 255, 3, 3, 3, 255, 4, 4, 4, 255}}};
   for (const auto& c : cases) {
     const auto image = decodePNG(pngBytes(c.parts));
     ASSERT_TRUE(image) << c.name;
@@ -72,11 +65,11 @@ TEST(PNG, DamageGivesNone) {
   }
   const std::pair<const char*, PNGParts> cases[] = {
       {"no pixels", {0, 0, 8, 6, ""}},
-      {"fewer rows than it says", {1, 2, 8, 6, raw("\0\1\2\3\4")}},
-      {"a palette image without palette", {1, 1, 8, 3, raw("\0\0")}},
+      {"fewer rows than it says", {1, 2, 8, 6, "\0\1\2\3\4"s}},
+      {"a palette image without palette", {1, 1, 8, 3, "\0\0"s}},
       {"too high", {1, kIconMaximumSide + 1, 8, 0, std::string(2 * (kIconMaximumSide + 1), '\0')}},
-      {"gigantic", {0x7FFFFFFF, 0x7FFFFFFF, 16, 6, raw("\0")}},
-      {"negative", {0xFFFFFFFF, 0xFFFFFFFF, 16, 6, raw("\0")}}};
+      {"gigantic", {0x7FFFFFFF, 0x7FFFFFFF, 16, 6, "\0"s}},
+      {"negative", {0xFFFFFFFF, 0xFFFFFFFF, 16, 6, "\0"s}}};
   for (const auto& [name, parts] : cases) EXPECT_FALSE(decodePNG(pngBytes(parts))) << name;
 }
 
