@@ -14,6 +14,8 @@ namespace pallion::fuzz {
 
 namespace {
 
+constexpr timespec kNoTime{};
+
 void checkLine(const LogLine& line) {
   const std::string text = formatLogLine(LogFormat::kText, line);
   require(text.find('\n') == text.size() - 1, "a message is one line of the log");
@@ -24,19 +26,14 @@ class ProductLog final : public LogHandle {
  public:
   ProductLog() : LogHandle(kLogDebug) {}
   void write(int level, std::string_view function, std::string_view message) override {
-    checkLine({{}, level, nullptr, nullptr, 0, function, message});
+    checkLine({kNoTime, level, nullptr, nullptr, 0, function, message});
   }
 };
 
 class HostLog final : public MigrationLogSink {
  public:
   void write(const MigrationLogRecord& record) override {
-    checkLine({{},
-               record.level,
-               record.category,
-               record.file,
-               record.line,
-               record.function,
+    checkLine({kNoTime, record.level, record.category, record.file, record.line, record.function,
                record.message});
   }
 };

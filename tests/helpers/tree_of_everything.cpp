@@ -40,26 +40,20 @@ std::string accessList(char others) {
 }
 
 void buildTree(const std::string& top) {
-  const std::string longName(255, 'n');
   must(mkdir(top.c_str(), 0755) == 0);
   const auto at = [&](const std::string& name) { return top + "/" + name; };
-  for (const char* name : {"a", "a/b", "z", "empty", "sticky", "shut", "listed", "\xff\xfe"}) {
+  for (const char* name : {"a", "a/b", "z", "empty", "sticky", "shut", "listed", "\xff\xfe"})
     must(mkdir(at(name).c_str(), 0755) == 0);
-  }
-  writeAt(at("plain"), "content");
+  for (const std::string name :
+       {"plain", "private", "program", "capable", "a/linked", "shut/inside", "\xff\xfe/\x80\n"})
+    writeAt(at(name), "content of " + name);
+  writeAt(at(std::string(255, 'n')), "long");
   writeAt(at("nothing"), "");
-  writeAt(at(longName), "long");
-  writeAt(at("\xff\xfe/\x80\n"), "bytes");
-  writeAt(at("shut/inside"), "not reachable");
-  writeAt(at("private"), "0600");
   writeAt(at("at the limit"), std::string(65536, 'l'));
   writeAt(at("large"), std::string(700001, 'L'));
   writeAt(at("hole before"), "data", 1 << 20);
   writeAt(at("holes around"), "data", 1 << 20, 3 << 20);
   writeAt(at("only hole"), "", 0, 1 << 20);
-  writeAt(at("program"), "set-id");
-  writeAt(at("capable"), "capability");
-  writeAt(at("a/linked"), "three names");
   must(link(at("a/linked").c_str(), at("a/b/linked").c_str()) == 0);
   must(link(at("a/linked").c_str(), at("z/linked").c_str()) == 0);
   must(symlink("/nowhere/at/all", at("dangling").c_str()) == 0);
@@ -70,8 +64,7 @@ void buildTree(const std::string& top) {
   must(mknod(at("character").c_str(), S_IFCHR | 0640, makedev(1, 3)) == 0);
   must(mknod(at("block").c_str(), S_IFBLK | 0660, makedev(259, 70000)) == 0);
 
-  const std::array attributed{"plain", "a", "empty"};
-  for (const char* name : attributed) {
+  for (const char* name : {"plain", "a", "empty"}) {
     setAttribute(at(name), "user.small", "value");
     setAttribute(at(name), "user.empty", "");
     setAttribute(at(name), "user.binary", std::string("\0\xff", 2) + std::string(2000, 'x'));

@@ -1,11 +1,11 @@
 #include "tests/helpers/tree_snapshot.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <linux/limits.h>
 #include <set>
 #include <sys/stat.h>
@@ -80,10 +80,9 @@ std::string attributes(const std::string& path) {
 }
 
 std::string timeText(const char* name, const timespec& time) {
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), " %s=%lld.%09ld", name,
-                static_cast<long long>(time.tv_sec), time.tv_nsec);
-  return text.data();
+  char text[64];
+  std::snprintf(text, sizeof text, " %s=%jd.%09ld", name, intmax_t{time.tv_sec}, time.tv_nsec);
+  return text;
 }
 
 class Walk {
@@ -120,21 +119,19 @@ class Walk {
   TreeSnapshot result() {
     for (const auto& [inode, paths] : inodes_) {
       if (paths.size() < 2) continue;  // the other names are outside
-      for (const std::string& path : paths) {
+      for (const std::string& path : paths)
         lines_[path] += " same-as=\"" + printable(*paths.begin()) + "\"";
-      }
     }
     return std::move(lines_);
   }
 
  private:
   std::string describe(const std::string& path, const struct stat& status) const {
-    std::array<char, 128> text{};
+    char text[64];
     // With the kind of the item, as S_IFMT has it, before its mode.
-    std::snprintf(text.data(), text.size(), "%06o %u:%u", status.st_mode, status.st_uid,
-                  status.st_gid);
-    std::string line = text.data();
-    bool directory = S_ISDIR(status.st_mode);
+    std::snprintf(text, sizeof text, "%06o %u:%u", status.st_mode, status.st_uid, status.st_gid);
+    std::string line = text;
+    const bool directory = S_ISDIR(status.st_mode);
     if (!options_.ignoreTimes && !(directory && options_.ignoreDirectoryTimes)) {
       line += timeText("modified", status.st_mtim);
       if (options_.accessTimes) line += timeText("accessed", status.st_atim);
@@ -145,10 +142,9 @@ class Walk {
       // Under a page, file systems may keep the content inside the inode.
       if (status.st_size >= 4096 && status.st_blocks * 512 < status.st_size) line += " holes";
     } else if (S_ISLNK(status.st_mode)) {
-      std::string target(65536, '\0');
-      ssize_t length = readlink(path.c_str(), target.data(), target.size());
-      target.resize(length < 0 ? 0 : static_cast<size_t>(length));
-      line += length < 0 ? errorText("target") : " target=\"" + printable(target) + "\"";
+      std::error_code error;
+      const auto target = std::filesystem::read_symlink(path, error);
+      line += error ? " target=error:" + error.message() : " target=" + printable(target);
     } else if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) {
       line += " device=" + std::to_string(major(status.st_rdev)) + ":" +
               std::to_string(minor(status.st_rdev));
