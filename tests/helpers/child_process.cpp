@@ -83,6 +83,7 @@ ChildProcess::ChildProcess(const Setup& setup) : errorsAreTerminal_(setup.termin
     childOutput.reset(ends[1]);
   }
   std::vector<char*> arguments;
+  arguments.reserve(setup.arguments.size() + 1);
   for (const std::string& argument : setup.arguments)
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
