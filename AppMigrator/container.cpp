@@ -52,7 +52,7 @@ bool PLAppMigrator::_migrateContainerWithInfo(const Dictionary& info) {
 
   stepStarted("marker");
   if (writePropertyListFile(Value::dictionary(info), marker, PropertyListFormat::kBinary,
-                            Durability::kSynced) != 0) {
+                            Durability::kOrdered) != 0) {
     logError(kFunction,
              "PLAppMigrator: Failed to write out container marker dictionary... hopefully we don't "
              "need it to "

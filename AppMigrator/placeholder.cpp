@@ -100,7 +100,7 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
   // over.
   const URL infoURL = placeholder.appending("Info.plist", URL::Kind::kFile);
   if (writePropertyListFile(Value::dictionary(std::move(info)), infoURL,
-                            PropertyListFormat::kBinary, Durability::kNotSynced) != 0) {
+                            PropertyListFormat::kBinary, Durability::kOrdered) != 0) {
     logError(kPlaceholderFunction, "PLAppMigrator: Failed to write placeholder Info.plist to %@",
              infoURL);
     return false;
@@ -139,7 +139,7 @@ bool PLAppMigrator::_writeIconForBundle(QXBundle& bundle, const URL& toURL) {
              bundle);
     return false;
   }
-  if (const int number = writeFileAtomically(toURL, buffer, Durability::kNotSynced); number != 0) {
+  if (const int number = writeFileAtomically(toURL, buffer, Durability::kOrdered); number != 0) {
     logError(
         kFunction, "PLAppMigrator: Failed to write image data to %@ : %@", toURL,
         _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, number, "%s", std::strerror(number)));

@@ -7,11 +7,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "foundation/open_unnoticed.h"
 #include "foundation/signal_retry.h"
 #include "foundation/unique_descriptor.h"
+#include "foundation/volume_order.h"
 
 namespace pallion {
 
@@ -53,6 +55,20 @@ int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::
   return error;
 }
 
+// Has the content written out, and the change of the file's size that comes of it put into the file
+// system's log, where the file's name can only come behind it. 0 or an errno.
+//
+// ext4 and xfs allocate blocks when pages are written out, and end the write-out of a page only
+// after they have logged that its block is filled. The log's own flush then covers the device's
+// cache. Where changes keep no order it takes a sync.
+int orderContent(int fd) {
+  struct statfs volume {};
+  if (fstatfs(fd, &volume) != 0 || !keepsOrder(volume)) return fdatasync(fd) == 0 ? 0 : errno;
+  constexpr unsigned kAll =
+      SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+  return sync_file_range(fd, 0, 0, kAll) == 0 ? 0 : errno;
+}
+
 int writeAll(int fd, std::string_view bytes, Durability durability) {
   while (!bytes.empty()) {
     const ssize_t written =
@@ -61,7 +77,7 @@ int writeAll(int fd, std::string_view bytes, Durability durability) {
     bytes.remove_prefix(static_cast<size_t>(written));
   }
   if (durability == Durability::kSynced && fdatasync(fd) != 0) return errno;
-  return 0;
+  return durability == Durability::kOrdered ? orderContent(fd) : 0;
 }
 
 // A name beside the file, the same for every write of it.

@@ -28,10 +28,12 @@ std::optional<std::string> readFile(const URL& url, int* errorNumber = nullptr,
 // too large or no regular file. What can't be read just now must not be taken for absent.
 bool isReadFailure(int errorNumber);
 
-// kSynced: the content is on the medium before the name refers to it, so that power loss leaves the
-// old file or the whole new one. kNotSynced: the same promise for readers, and after the death of
-// the process, but not for power loss; for files that nobody needs once the system has gone down.
-enum class Durability { kSynced, kNotSynced };
+// kSynced: the content is on the medium before the name refers to it, and power loss leaves the old
+// file or the whole new one. kOrdered: the same, but the new one may be lost again until anything
+// on its volume is synced; that costs no flush of the file system's log. kNotSynced: the same
+// promise for readers, and after the death of the process, but not for power loss; for files that
+// nobody needs once the system has gone down.
+enum class Durability { kSynced, kOrdered, kNotSynced };
 
 // Puts `bytes` at the path in one step: a reader sees the old file or the whole new one. A file
 // that is replaced loses its attributes; a symbolic link there is replaced itself. A directory

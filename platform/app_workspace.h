@@ -120,8 +120,9 @@ class AppWorkspace {
   virtual bool applicationIsInstalled(const std::string& identifier) = 0;
 
   // Installs what stands at `url`: with AppPackageTypeCustomer a staging directory, with
-  // AppPackageTypePlaceholder a placeholder bundle. True on success; it is then durable. On failure
-  // false and the record through `error`, where given.
+  // AppPackageTypePlaceholder a placeholder bundle, whose files are written with
+  // Durability::kOrdered at least. True on success; it is then durable. On failure false and the
+  // record through `error`, where given.
   bool installApplication(const URL& url, const Dictionary& options, Error* error) {
     return installApplication(url, options, error, StatusBlock());
   }

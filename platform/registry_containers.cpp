@@ -5,13 +5,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <memory>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include "foundation/open_unnoticed.h"
+#include "foundation/volume_order.h"
 #include "platform/directory_reader.h"
 #include "platform/make_path.h"
 #include "platform/product_log.h"
@@ -82,10 +82,7 @@ RegistryContainers::RegistryContainers(const URL& root) {
 bool RegistryContainers::syncsKeepOrder() const {
   if (!syncsKeepOrder_) {
     struct statfs status {};
-    const bool known = statfs(incomingDirectory().c_str(), &status) == 0;
-    // What a tmpfs holds is gone with the power in any case.
-    syncsKeepOrder_ = known && (status.f_type == EXT4_SUPER_MAGIC ||
-                                status.f_type == XFS_SUPER_MAGIC || status.f_type == TMPFS_MAGIC);
+    syncsKeepOrder_ = statfs(incomingDirectory().c_str(), &status) == 0 && keepsOrder(status);
   }
   return *syncsKeepOrder_;
 }

@@ -57,10 +57,9 @@ class RegistryContainers {
   // lost. 0 or an errno.
   [[nodiscard]] int ensure(Kind kind, const std::string& uuid) const;
 
-  // Whether the sync of one file puts every earlier change of names on the medium with it, as the
-  // single log of ext4 and xfs does. Elsewhere, on btrfs for one, only what belongs to that file is
-  // sure to be there, and a volume has to be synced before a commit that speaks of its directories.
-  // Asked once; not from several threads at a time.
+  // Whether their volume keeps order (foundation/volume_order.h). Where it doesn't, it has to be
+  // synced before a commit that speaks of its directories. Asked once; not from several threads at a
+  // time.
   [[nodiscard]] bool syncsKeepOrder() const;
 
   // The entries of Incoming; nothing with errno set when they can't be listed.

@@ -11,8 +11,8 @@ namespace {
 
 constexpr int kSchemaVersion = 1;
 constexpr int kBusyMilliseconds = 5000;
-// Of 4 KiB each; an installation writes three or four.
-constexpr int kCheckpointPages = 1000;
+// Of 4 KiB each; an installation writes three or four. Emptying the log takes two syncs.
+constexpr int kCheckpointPages = 4000;
 
 constexpr const char* kTables =
     "CREATE TABLE bundles(identifier TEXT PRIMARY KEY, type TEXT NOT NULL, data TEXT NOT NULL,"

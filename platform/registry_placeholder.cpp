@@ -37,14 +37,17 @@ class MovedBundle {
     moved_ = rename(from_.c_str(), to_.c_str()) == 0;
     if (moved_) return 0;
     if (errno != EXDEV) return errno;
+    copied_ = true;
     return TreeCopy::current().copy(from_.c_str(), to_.c_str()) == 0 ? 0 : errno;
   }
+  [[nodiscard]] bool wasCopied() const { return copied_; }
   void keep() { moved_ = false; }
 
  private:
   std::string from_;
   std::string to_;
   bool moved_ = false;
+  bool copied_ = false;
 };
 
 // The attributes and the metadata file of a placeholder in `container`. 0 or an errno.
@@ -56,7 +59,7 @@ int furnish(const std::string& container, const std::string& bundlePath,
   const Value metadata = options.get(kAppBriscaMetadataKey);
   if (failed == 0 && metadata.asData()) {
     const URL url = URL::fileURL(container + "/" + kBriscaMetadataName, URL::Kind::kFile);
-    failed = writeFileAtomically(url, *metadata.asData(), Durability::kNotSynced);
+    failed = writeFileAtomically(url, *metadata.asData(), Durability::kOrdered);
   }
   return failed;
 }
@@ -96,8 +99,9 @@ Outcome EmbeddedRegistry::installPlaceholder(const URL& url, const std::string& 
   MovedBundle bundle(source, bundlePath);
   int number = bundle.move();
   if (number == 0) number = furnish(container, bundlePath, options);
-  // Nobody has put the content of the placeholder on the medium yet.
-  if (number == 0 && TreeCopy::current().syncVolume(container.c_str()) != 0) number = errno;
+  // Where the bundle was made, its content came before its names; of a copy nothing is sure yet.
+  if (number == 0 && bundle.wasCopied() && TreeCopy::current().syncVolume(container.c_str()) != 0)
+    number = errno;
   if (number != 0)
     return Refusal{RegistryErrorCode::kInstallation, "Taking over " + source, number, ""};
 

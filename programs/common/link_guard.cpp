@@ -24,7 +24,7 @@ constexpr const char* kWays[] = {
     "private/var/mobile/Library/Pallion",
     "private/var/palliond/Containers/Incoming",
     "private/var/palliond/Library/Pallion",
-    "private/var/tmp",
+    "private/var/palliond/tmp",
 };
 
 bool leadsThroughLink(int root, const char* way) {

@@ -29,8 +29,8 @@ int MigratorRoot::enter(const Options& options, Use use) {
     complain(options.root + ": can't become the root", error);
     return kExitUsage;
   }
-  // Items are made there to be renamed into containers.
-  setenv("TMPDIR", "/private/var/tmp", 0);
+  // On the volume of the containers, into which what is made there is renamed.
+  setenv("TMPDIR", "/private/var/palliond/tmp", 0);
   const int followed = root_.linkError();
   if (use == Use::kRun && followed != 0 && followed != ENOENT && !options.quiet) {
     complain("warning: symbolic links that somebody makes during the run are followed", followed);

@@ -13,8 +13,9 @@ class MigratorRoot {
 
   // Opens the root, which a run locks, loads the module and enters the root, where the kernel
   // refuses to follow symbolic links from then on if it can; unless the caller chose another
-  // directory for the present root, temporary items go to its /private/var/tmp. kExitSuccess, or
-  // the exit status after one line on standard error. For a process that has one thread yet.
+  // directory for the present root, temporary items go to its /private/var/palliond/tmp.
+  // kExitSuccess, or the exit status after one line on standard error. For a process that has one
+  // thread yet.
   int enter(const Options& options, Use use);
   [[nodiscard]] const PluginModule& module() const { return module_; }
 

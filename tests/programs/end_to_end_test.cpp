@@ -108,10 +108,10 @@ TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
       "Failed to create icon from bundle QXBundle $A/$U/Météo.app/",
       "Failed to create icon from bundle QXBundle $A/$U/NoExecutable.app/",
       "Failed to create staged placeholder directory at "
-      "/private/var/tmp/com.orlix.pallion.migrator/...app/ : "
+      "/private/var/palliond/tmp/com.orlix.pallion.migrator/...app/ : "
       "POSIX 22: \"..\" is no plain name",
       "Failed to create staged placeholder directory at "
-      "/private/var/tmp/com.orlix.pallion.migrator/com.example/slash.app/ : POSIX 22: "
+      "/private/var/palliond/tmp/com.orlix.pallion.migrator/com.example/slash.app/ : POSIX 22: "
       "\"com.example/slash\" is "
       "no plain name",
       "Failed to get harbor info for identifier com.example.awkward.text",
@@ -147,10 +147,10 @@ TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
       "Skipping container with app symlink at $A/$U/Linked.app",
       "VPN plugin was symlink; skipping container $A/$U/Linked.vpnplugin",
       "Writing placeholder icon for app com.example.awkward.NoExecutable to "
-      "file:///private/var/tmp/com.orlix.pallion.migrator/com.example.awkward.NoExecutable.app/"
+      "file:///private/var/palliond/tmp/com.orlix.pallion.migrator/com.example.awkward.NoExecutable.app/"
       "Icon.png failed",
       "Writing placeholder icon for app com.example.weather to "
-      "file:///private/var/tmp/com.orlix.pallion.migrator/com.example.weather.app/Icon.png failed"};
+      "file:///private/var/palliond/tmp/com.orlix.pallion.migrator/com.example.weather.app/Icon.png failed"};
   EXPECT_EQ(errors, expected);
   // What can not be judged, has no usable identifier or holds a missed item is left alone; and so
   // is a link.
