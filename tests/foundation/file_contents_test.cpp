@@ -1,9 +1,11 @@
 #include "foundation/file_contents.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -130,6 +132,51 @@ TEST(WriteFileAtomically, LeavesNothingWhereItFails) {
     EXPECT_EQ(2U, entriesIn(root.path()));
     EXPECT_EQ("old", test::readAll(root / "file"));
   });
+}
+
+// The rest of a write that the medium took in part, and what follows it, fail.
+TEST(WriteFileAtomically, LeavesTheOldFileWhereTheNewOneDoesNotFit) {
+  inEveryWay([](const TemporaryRoot& root) {
+    root.makeFile("file", "old");
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {4000, 4000};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    for (const char* name : {"file", "other"})
+      EXPECT_EQ(EFBIG, write(root / name, std::string(5000, 'n'))) << name;
+    EXPECT_EQ(1U, entriesIn(root.path()));
+    EXPECT_EQ("old", test::readAll(root / "file"));
+  });
+}
+
+TEST(WriteFileAtomically, PutsTheContentBeforeTheName) {
+  using Calls = std::initializer_list<long>;
+  const struct {
+    const char* what;
+    Calls refused;
+    Durability durability;
+    int error;
+  } cases[] = {
+      {"synced", {SYS_fdatasync}, Durability::kSynced, EIO},
+      {"synced, not ordered", {SYS_sync_file_range, SYS_fstatfs}, Durability::kSynced, 0},
+      {"ordered", {SYS_sync_file_range}, Durability::kOrdered, EIO},
+      {"ordered, not synced", {SYS_fdatasync}, Durability::kOrdered, 0},
+      {"ordered where nothing keeps order",
+       {SYS_fstatfs, SYS_fdatasync},
+       Durability::kOrdered,
+       EIO},
+      {"neither", {SYS_fdatasync, SYS_sync_file_range}, Durability::kNotSynced, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const TemporaryRoot root;
+    root.makeFile("old", "old");
+    EXPECT_TRUE(runInChild([&] {
+      ASSERT_TRUE(refuseCalls(c.refused, EIO));
+      for (const char* name : {"old", "new"})
+        EXPECT_EQ(c.error, writeFileAtomically(URL::fileURL(root / name), "n", c.durability));
+    }));
+    EXPECT_EQ(c.error == 0 ? 2U : 1U, entriesIn(root.path()));
+  }
 }
 
 // Three processes write, this one reads: each content is a run of one letter whose length belongs

@@ -36,16 +36,16 @@ struct KnownCall {
 #define CALL(name) \
   { SYS_##name, #name }
 constexpr KnownCall kChanging[] = {
-    CALL(mkdir),       CALL(mkdirat),      CALL(mknod),       CALL(mknodat),
-    CALL(symlink),     CALL(symlinkat),    CALL(link),        CALL(linkat),
-    CALL(rename),      CALL(renameat),     CALL(renameat2),   CALL(unlink),
-    CALL(unlinkat),    CALL(rmdir),        CALL(write),       CALL(writev),
-    CALL(pwrite64),    CALL(ftruncate),    CALL(fallocate),   CALL(copy_file_range),
-    CALL(sendfile),    CALL(ioctl),        CALL(fsync),       CALL(fdatasync),
-    CALL(syncfs),      CALL(chmod),        CALL(fchmod),      CALL(fchmodat),
-    CALL(chown),       CALL(lchown),       CALL(fchown),      CALL(fchownat),
-    CALL(utimensat),   CALL(setxattr),     CALL(lsetxattr),   CALL(fsetxattr),
-    CALL(removexattr), CALL(lremovexattr), CALL(fremovexattr)};
+    CALL(mkdir),     CALL(mkdirat),         CALL(mknod),        CALL(mknodat),
+    CALL(symlink),   CALL(symlinkat),       CALL(link),         CALL(linkat),
+    CALL(rename),    CALL(renameat),        CALL(renameat2),    CALL(unlink),
+    CALL(unlinkat),  CALL(rmdir),           CALL(write),        CALL(writev),
+    CALL(pwrite64),  CALL(ftruncate),       CALL(fallocate),    CALL(copy_file_range),
+    CALL(sendfile),  CALL(ioctl),           CALL(fsync),        CALL(fdatasync),
+    CALL(syncfs),    CALL(sync_file_range), CALL(chmod),        CALL(fchmod),
+    CALL(fchmodat),  CALL(chown),           CALL(lchown),       CALL(fchown),
+    CALL(fchownat),  CALL(utimensat),       CALL(setxattr),     CALL(lsetxattr),
+    CALL(fsetxattr), CALL(removexattr),     CALL(lremovexattr), CALL(fremovexattr)};
 constexpr KnownCall kReading[] = {
     CALL(open),       CALL(openat),    CALL(read),       CALL(pread64),   CALL(newfstatat),
     CALL(fstat),      CALL(stat),      CALL(lstat),      CALL(statx),     CALL(fstatfs),
