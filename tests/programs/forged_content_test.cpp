@@ -1,18 +1,10 @@
 #include <filesystem>
-#include <functional>
-#include <gtest/gtest.h>
 #include <optional>
-#include <sstream>
-#include <string>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
-#include "tests/helpers/child_process.h"
 #include "tests/helpers/device_state.h"
 #include "tests/helpers/png_bytes.h"
-#include "tests/helpers/temporary_root.h"
-#include "tests/helpers/tree_snapshot.h"
+#include "tests/programs/program_process.h"
 
 // Old containers in which something was put to mislead the migration.
 
@@ -20,7 +12,6 @@ namespace pallion::test {
 
 namespace {
 
-const std::string kPrograms = std::string(PALLION_BINARY_DIR) + "/bin/";
 const std::string kMobile = "/private/var/mobile";
 const std::string kContainers = kMobile + "/Applications";
 const std::string kForged = kContainers + "/F0F0F0F0-0000-4000-8000-000000000000";
@@ -28,12 +19,6 @@ const std::string kOutside = kMobile + "/Media";
 constexpr const char* kSecondsUntilHung = "100";
 constexpr size_t kSound = 5;  // containers
 
-std::string plist(const std::string& entries) {
-  return "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>";
-}
-std::string entry(const std::string& key, const std::string& text) {
-  return "<key>" + key + "</key><string>" + text + "</string>";
-}
 const std::string kInfo = entry("QXBundleIdentifier", "com.example.forged") +
                           entry("QXBundleExecutable", "Forged") + entry("QXBundleIconFile", "Icon");
 
@@ -41,12 +26,7 @@ const std::string kInfo = entry("QXBundleIdentifier", "com.example.forged") +
 class Device {
  public:
   Device() {
-    ChildProcess::Setup setup;
-    setup.arguments = {kPrograms + "make-old-layout", "--root", root_.path(), "--apps", "4"};
-    for (const char* word : {"--vpn", "1", "--groups", "2", "--harbors", "1", "--files", "3"}) {
-      setup.arguments.emplace_back(word);
-    }
-    EXPECT_EQ(runProcess(setup).status, 0);
+    makeOldLayout(root_.path(), "--apps 4 --vpn 1 --groups 2 --harbors 1 --files 3");
     for (const auto& item : std::filesystem::directory_iterator(root_ / kContainers)) {
       others.push_back(kContainers + "/" + item.path().filename().string());
     }
@@ -99,22 +79,18 @@ class Device {
   // Migrates; answers what is wrong afterwards.
   [[nodiscard]] std::string migrate() const {
     const TreeSnapshot before = snapshotTree(root_ / kOutside, {.changeTimes = true});
-    ChildProcess::Setup setup;
-    setup.arguments = {"/usr/bin/timeout", kSecondsUntilHung, kPrograms + "migration-host",
-                       "--root",           root_.path(),      "-q"};
-    setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};  // it needs /proc, which the root has not
+    ChildProcess::Setup setup = setupOf("migration-host", {"--root", root_.path(), "-q"});
+    setup.arguments.insert(setup.arguments.begin(), {"/usr/bin/timeout", kSecondsUntilHung});
     const ProcessOutcome outcome = runProcess(setup);
     std::string wrong;
     if (outcome.status != 0 && outcome.status != 1) {
       wrong += "exit status " + std::to_string(outcome.status) + "\n" + outcome.err;
     }
     wrong += difference(before, snapshotTree(root_ / kOutside, {.changeTimes = true}));
-    std::istringstream lines(sound_->differenceAfterMigration(root_.path()));
+    // With the forged container, the directory of the containers stays.
     const bool stays = exists(path(""));
-    for (std::string line; std::getline(lines, line);) {
-      // With the forged container, the directory of the containers stays.
+    for (const std::string& line : lines(sound_->differenceAfterMigration(root_.path())))
       if (!stays || !line.starts_with("still there: ")) wrong += line + "\n";
-    }
     if (!exists(root_ / kContainers)) return wrong;
     for (const auto& item : std::filesystem::directory_iterator(root_ / kContainers)) {
       if (item.path() != root_ / kForged) wrong += "left: " + item.path().string() + "\n";

@@ -1,16 +1,12 @@
-#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <regex>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "platform/registry.h"
-#include "tests/helpers/temporary_root.h"
-#include "tests/programs/host_process.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {
@@ -18,43 +14,31 @@ namespace {
 TEST(MigrationHost, EndsWithTheStatusAndOneLineThatNamesTheCause) {
   const TemporaryRoot outside;
   const std::string text = outside.makeFile("text", "no module");
-  const std::string missing = outside / "missing";
+  const std::string library = kBinaries + "/lib/libpallion-platform.so";
   const struct {
-    Words arguments;  // behind those of setupFor; of a repeated option the last counts
+    Words arguments;
+    std::string plugin;
     Words environment;
-    std::string script;
+    const char* script;
     int status;
     std::string error;  // what the one line on standard error has
     Json result;
   } cases[] = {
-      {{"migrate"}, {}, "", 0, "", true},
-      {{}, {}, "perform\nfail\n", 1, "", false},
-      {{"--root", missing}, {}, "", 2, ": " + missing + ": No such file or directory", {}},
-      {{"--what"}, {}, "", 2, "--what", {}},
-      {{"migrat\ne"}, {}, "", 2, "migrat\\x0Ae", {}},
-      {{"--plugin", text}, {}, "", 3, ": " + text + ": ", {}},
-      {{"--plugin", kBinaries + "/lib/libpallion-platform.so"},
-       {},
-       "",
-       3,
-       ": no migration plug-in",
-       {}},
-      {{}, {"FAKE_ABI=9"}, "", 3, "fake-plugin.so: plug-in interface 9, needed is ", {}},
-      {{}, {}, "init\nerror x the cause\nfail\n", 3, "there is no migrator: the cause", {}},
+      {{"migrate"}, kFakePlugin, {}, "", 0, "", true},
+      {{}, kFakePlugin, {}, "perform\nfail\n", 1, "", false},
+      {{"--what"}, kFakePlugin, {}, "", 2, "--what", {}},
+      {{"migrat\ne"}, kFakePlugin, {}, "", 2, "migrat\\x0Ae", {}},
+      {{}, text, {}, "", 3, ": " + text + ": ", {}},
+      {{}, library, {}, "", 3, ": no migration plug-in", {}},
+      {{}, kFakePlugin, {"FAKE_ABI=9"}, "", 3, "plugin.so: plug-in interface 9, needed is ", {}},
+      {{}, kFakePlugin, {}, "init\nerror x why\nfail\n", 3, "there is no migrator: why", {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error);
     const TemporaryRoot root;
     ChildProcess::Setup setup = setupFor(root, c.script, {"--json"});
-    Words& arguments = setup.arguments;
-    for (size_t i = 0; i < c.arguments.size(); ++i) {
-      const auto same = std::find(arguments.begin(), arguments.end(), c.arguments[i]);
-      if (same != arguments.end()) {
-        *(same + 1) = c.arguments[++i];
-      } else {
-        arguments.push_back(c.arguments[i]);
-      }
-    }
+    std::ranges::replace(setup.arguments, kFakePlugin, c.plugin);
+    setup.arguments.insert(setup.arguments.end(), c.arguments.begin(), c.arguments.end());
     setup.environment.insert(setup.environment.end(), c.environment.begin(), c.environment.end());
     const ProcessOutcome outcome = runProcess(setup);
     EXPECT_EQ(outcome.status, c.status);
@@ -107,7 +91,8 @@ TEST(MigrationHost, RefusesASecondRunOnTheSameRoot) {
 }
 
 TEST(MigrationHost, SaysThatALaterRunResumesWhenASignalEndsIt) {
-  const std::string script = "perform\nstart com.a /a\nfinish true\nstart com.b /b\nhang\n";
+  const std::string script =
+      "perform\nstart com.a /a\nfinish true\nstart com.b /b\nstep data\nhang\n";
   const struct {
     int signal;
     int ignored;
@@ -129,6 +114,9 @@ TEST(MigrationHost, SaysThatALaterRunResumesWhenASignalEndsIt) {
     EXPECT_TRUE(summary.at("result").is_null());
     EXPECT_EQ(summary.at("containers"),
               Json::parse(R"([{"identifier":"com.a","path":"/a","result":true}])"));
+    const Json report = Json::parse(readAll(root / kReport), nullptr, false);
+    EXPECT_EQ(report.at("exitStatus"), 128 + c.signal);
+    EXPECT_EQ(report.at("containers").at(1).at("outcome"), "interrupted");
     EXPECT_EQ(run(root, "").status, 0) << "the lock went with the process";
   }
 }
@@ -237,9 +225,7 @@ TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
   const TemporaryRoot root;
   root.makeFile(
       "Applications/Built.app/Info.plist",
-      R"(<?xml version="1.0"?><plist version="1.0"><dict><key>QXBundleIdentifier</key>)"
-      R"(<string>com.example.built</string><key>QXBundleVersion</key><string>1.10</string>)"
-      R"(</dict></plist>)");
+      plist(entry("QXBundleIdentifier", "com.example.built") + entry("QXBundleVersion", "1.10")));
   root.makeFile("old harbor/kept");
   {
     const auto registry = Registry::atRoot(root.url());
@@ -248,9 +234,7 @@ TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
   }
   const int lock = open(root.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);  // asking goes on beside a run
-  ChildProcess::Setup setup = setupFor(root, "", {"--json"});
-  setup.arguments.insert(setup.arguments.begin() + 1, "apps");
-  const ProcessOutcome outcome = runProcess(setup);
+  const ProcessOutcome outcome = host(root.path(), {"apps", "--json"});
   close(lock);
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   const Json document = Json::parse(outcome.out, nullptr, false);
@@ -277,17 +261,14 @@ TEST(MigrationHostApps, ShowsWhatTheRegistryOfTheRootHolds) {
 
 TEST(MigrationHostApps, ChangesNothingAndNamesTheCauseOfAFailure) {
   const TemporaryRoot root;
-  const ChildProcess::Setup apps{
-      .arguments = {kBinaries + "/bin/migration-host", "apps", "--root", root.path()},
-      .environment = {"ASAN_OPTIONS=detect_leaks=0"}};
-  const ProcessOutcome empty = runProcess(apps);
+  const ProcessOutcome empty = host(root.path(), {"apps"});
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(empty.out, "0 applications, 0 safe harbors\n");
   EXPECT_TRUE(std::filesystem::is_empty(root.path()));
 
   const std::string database = "private/var/palliond/Library/Pallion/registry.sqlite";
   root.makeFile(database, "this is no database at all");
-  const ProcessOutcome damaged = runProcess(apps);
+  const ProcessOutcome damaged = host(root.path(), {"apps"});
   EXPECT_EQ(damaged.status, 1);
   EXPECT_EQ(damaged.out, "");
   ASSERT_EQ(lines(damaged.err).size(), 1U) << damaged.err;

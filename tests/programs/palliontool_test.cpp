@@ -1,41 +1,16 @@
 #include <cmath>
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <iterator>
-#include <nlohmann/json.hpp>
-#include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "foundation/property_list.h"
-#include "tests/helpers/child_process.h"
-#include "tests/helpers/temporary_root.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {
 
-using Json = nlohmann::json;
-using Words = std::vector<std::string>;
+ProcessOutcome run(const Words& arguments) { return runProcess(setupOf("palliontool", arguments)); }
 
-const std::string kTool = std::string(PALLION_BINARY_DIR) + "/bin/palliontool";
-
-ProcessOutcome run(const Words& arguments) {
-  ChildProcess::Setup setup;
-  setup.arguments = {kTool};
-  setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
-  // The leak check looks into /proc, which a root of ours does not have.
-  setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-  return runProcess(setup);
-}
-
-std::string infoPlist(const std::string& entries) {
-  return R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + entries + "</dict></plist>";
-}
-
-const std::string kInfo = infoPlist(
-    "<key>QXBundleIdentifier</key><string>com.a</string>"
-    "<key>QXBundleVersion</key><string>1.2</string>");
+const std::string kInfo =
+    plist(entry("QXBundleIdentifier", "com.a") + entry("QXBundleVersion", "1.2"));
 
 // "@" stands for the path of a temporary root, which holds the same for every case.
 struct Invocation {
@@ -50,11 +25,6 @@ std::string filled(std::string text, const std::string& root) {
     text.replace(at, 1, root);
   }
   return text;
-}
-
-Words wordsOf(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 void expectOutcomes(const TemporaryRoot& root, const std::vector<Invocation>& invocations) {
@@ -162,11 +132,11 @@ TEST(PallionTool, WritesDigestsAsSha256sumDoes) {
 TEST(PallionTool, ConvertsPropertyLists) {
   const TemporaryRoot root;
   const std::string xml = root.makeFile(
-      "xml", infoPlist("<key>text</key><string>\xC3\xA9&amp;</string><key>n</key><integer>"
-                       "18446744073709551615</integer><key>m</key><integer>-1</integer>"
-                       "<key>r</key><real>1.5</real><key>b</key><true/><key>t</key>"
-                       "<date>2020-01-02T03:04:05Z</date><key>a</key><array><data>AAEC/w==</data>"
-                       "<data>AAE=</data><data></data></array>"));
+      "xml", plist("<key>text</key><string>\xC3\xA9&amp;</string><key>n</key><integer>"
+                   "18446744073709551615</integer><key>m</key><integer>-1</integer>"
+                   "<key>r</key><real>1.5</real><key>b</key><true/><key>t</key>"
+                   "<date>2020-01-02T03:04:05Z</date><key>a</key><array><data>AAEC/w==</data>"
+                   "<data>AAE=</data><data></data></array>"));
   const Value list = readPropertyList(readAll(xml));
   ASSERT_TRUE(list);
   const ProcessOutcome binary = run({"plist", xml, "--to", "binary"});
@@ -259,11 +229,12 @@ TEST(PallionTool, WorksInsideAnotherRoot) {
 
 TEST(PallionTool, FailsWhenItsOutputIsLost) {
   const TemporaryRoot root;
-  const std::string file = root.makeFile("f", kInfo);
-  const std::string quoted = kTool + " plist " + file + " > /dev/full 2> " + (root / "error");
-  const int status = std::system(quoted.c_str());
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
-  EXPECT_EQ(readAll(root / "error"), "palliontool: standard output: No space left on device\n");
+  ChildProcess::Setup setup = setupOf("palliontool", {root.makeFile("f", kInfo)});
+  const Words shell = {"/bin/sh", "-c", "exec \"$0\" plist \"$1\" > /dev/full"};
+  setup.arguments.insert(setup.arguments.begin(), shell.begin(), shell.end());
+  const ProcessOutcome outcome = runProcess(setup);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "palliontool: standard output: No space left on device\n");
 }
 
 }  // namespace

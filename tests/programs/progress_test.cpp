@@ -6,7 +6,7 @@
 #include "platform/text_escape.h"
 #include "programs/migration_host/progress_moment.h"
 #include "programs/migration_host/progress_text.h"
-#include "tests/programs/host_process.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {

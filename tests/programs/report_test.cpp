@@ -1,32 +1,11 @@
-#include <csignal>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-#include <unistd.h>
-
-#include "tests/helpers/child_process.h"
 #include "tests/helpers/mounts.h"
-#include "tests/helpers/temporary_root.h"
-#include "tests/programs/host_process.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {
 
 const std::string kFolder = "private/var/mobile/Library/Logs/Pallion";
-const std::string kData = kFolder + "/migration-report.json";
 const std::string kPage = kFolder + "/migration-report.html";
-
-ChildProcess::Setup host(const TemporaryRoot& root, const std::vector<std::string>& more = {}) {
-  ChildProcess::Setup setup;
-  setup.arguments = {kBinaries + "/bin/migration-host",
-                     "--root",
-                     root.path(),
-                     "--plugin",
-                     kFakePlugin,
-                     "--progress=none"};
-  setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
-  setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-  return setup;
-}
 
 bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -40,9 +19,8 @@ const std::string kScript =
 
 TEST(Report, SaysWhatTheRunDid) {
   const TemporaryRoot root;
-  root.makeFile("fake-migration", kScript);
-  const ProcessOutcome run = runProcess(host(root));
-  const Json report = Json::parse(readAll(root / kData), nullptr, false);
+  const ProcessOutcome outcome = run(root, kScript);
+  const Json report = Json::parse(readAll(root / kReport), nullptr, false);
   ASSERT_TRUE(report.is_object());
   EXPECT_EQ(report.at("exitStatus"), 1);
   EXPECT_EQ(report.at("totals").dump(),
@@ -66,24 +44,10 @@ TEST(Report, SaysWhatTheRunDid) {
   EXPECT_EQ(page.find("</script>", page.find("</script>") + 1), page.rfind("</script>"));
   EXPECT_FALSE(has(page, "<b>&") || has(page, "{{") || has(page, "\x1b"));
 
-  EXPECT_TRUE(runProcess(host(root, {"report"})).out.ends_with("Z\n" + run.out));
-  const std::string json = runProcess(host(root, {"report", "--json"})).out;
+  EXPECT_TRUE(host(root.path(), {"report"}).out.ends_with("Z\n" + outcome.out));
+  const std::string json = host(root.path(), {"report", "--json"}).out;
   EXPECT_EQ(Json::parse(json.substr(0, json.find('\n')), nullptr, false), report);
   EXPECT_TRUE(json.ends_with("\n{\"version\":1,\"type\":\"summary\",\"exitStatus\":0}\n"));
-}
-
-TEST(Report, OfAnInterruptedRunHasTheContainerInHand) {
-  const TemporaryRoot root;
-  root.makeFile("fake-migration",
-                "perform\nstart a /a\nfinish true\nstart b /b\nstep data\nhang\n");
-  ChildProcess child(host(root));
-  for (int i = 0; i < 1000 && !readAll(root / "calls").ends_with("hanging\n"); ++i) usleep(10000);
-  child.signal(SIGTERM);
-  EXPECT_EQ(child.wait().status, 128 + SIGTERM);
-  const Json report = Json::parse(readAll(root / kData), nullptr, false);
-  ASSERT_TRUE(report.is_object() && report.at("containers").size() == 2);
-  EXPECT_EQ(report.at("exitStatus"), 128 + SIGTERM);
-  EXPECT_EQ(report.at("containers")[1].at("outcome"), "interrupted");
 }
 
 TEST(Report, ThatCannotBeWrittenIsOneWarningAndChangesNothing) {
@@ -91,13 +55,12 @@ TEST(Report, ThatCannotBeWrittenIsOneWarningAndChangesNothing) {
   EXPECT_TRUE(runInMountNamespace([] {
     for (const std::string script : {"", "perform\nfail\n"}) {
       const TemporaryRoot root;
-      root.makeFile("fake-migration", script);
       const Mount full = Mount::tmpfs(root.makeDirectory(kFolder), "size=8k");
-      const ProcessOutcome run = runProcess(host(root));
-      EXPECT_EQ(run.status, script.empty() ? 0 : 1);
-      EXPECT_TRUE(has(run.out, "0 migrated, 0 failed"));
-      EXPECT_EQ(run.err, "migration-host: warning: no report of this run: /" + kPage +
-                             ": No space left on device\n");
+      const ProcessOutcome outcome = run(root, script);
+      EXPECT_EQ(outcome.status, script.empty() ? 0 : 1);
+      EXPECT_TRUE(has(outcome.out, "0 migrated, 0 failed"));
+      EXPECT_EQ(outcome.err, "migration-host: warning: no report of this run: /" + kPage +
+                                 ": No space left on device\n");
     }
   }));
 }
@@ -106,15 +69,15 @@ TEST(Report, NeverGoesThroughALinkAndSaysWhatIsMissing) {
   const TemporaryRoot root;
   const std::string victim = root.makeFile("victim/migration-report.json", "mine");
   root.makeLink(kFolder, "/victim");
-  EXPECT_TRUE(has(runProcess(host(root)).err, "Pallion/migration-report.json: Not a directory\n"));
+  EXPECT_TRUE(has(run(root, "").err, "Pallion/migration-report.json: Not a directory\n"));
   EXPECT_EQ(readAll(victim), "mine");
-  const ProcessOutcome damaged = runProcess(host(root, {"report"}));
+  const ProcessOutcome damaged = host(root.path(), {"report"});
   EXPECT_TRUE(damaged.status == 1 &&
               has(damaged.err, "migration-report.json: damaged, or of another version\n"));
   const TemporaryRoot empty;
-  const ProcessOutcome none = runProcess(host(empty, {"report", "--json"}));
+  const ProcessOutcome none = host(empty.path(), {"report", "--json"});
   EXPECT_TRUE(none.status == 1 &&
-              has(none.err, "no report of a run: /" + kData + ": No such file or directory\n"));
+              has(none.err, "no report of a run: /" + kReport + ": No such file or directory\n"));
   EXPECT_EQ(none.out, "{\"version\":1,\"type\":\"summary\",\"exitStatus\":1}\n");
   EXPECT_FALSE(exists(empty / "private"));
 }

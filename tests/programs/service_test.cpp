@@ -1,6 +1,6 @@
 #include "tests/helpers/datagram_receiver.h"
 #include "tests/helpers/mounts.h"
-#include "tests/programs/host_process.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {

@@ -1,51 +1,17 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-#include <sstream>
-
-#include "tests/helpers/child_process.h"
-#include "tests/helpers/temporary_root.h"
-#include "tests/helpers/tree_snapshot.h"
+#include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {
-
-using Json = nlohmann::json;
-using Words = std::vector<std::string>;
-const std::string kPrograms = std::string(PALLION_BINARY_DIR) + "/bin/";
-
-ProcessOutcome run(Words arguments) {
-  ChildProcess::Setup setup;
-  setup.arguments = std::move(arguments);
-  // The leak check needs /proc, which the root has not.
-  setup.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-  return runProcess(setup);
-}
 
 class Verify : public testing::Test {
  protected:
   void SetUp() override {
     if (!isRoot()) GTEST_SKIP() << "owners of user data need root";
     // Among the files are links, a FIFO, and names in Latin 1 and with a line feed.
-    run({kPrograms + "make-old-layout", "--root", device_, "--apps", "2", "--vpn", "1", "--groups",
-         "1", "--harbors", "1", "--placeholders", "1", "--files", "3"});
+    makeOldLayout(device_, "--apps 2 --vpn 1 --groups 1 --harbors 1 --placeholders 1 --files 3");
   }
-  static ProcessOutcome host(const std::string& root, Words more) {
-    more.insert(more.begin(), {kPrograms + "migration-host", "--root", root});
-    return run(std::move(more));
-  }
-  // The lines; the last one is the summary.
   static std::vector<Json> verify(const std::string& root, const std::string& snapshot) {
-    const ProcessOutcome outcome = host(root, {"verify", "--json", "--against", snapshot});
-    std::vector<Json> lines;
-    std::istringstream text(outcome.out);
-    for (std::string line; std::getline(text, line);) {
-      lines.push_back(Json::parse(line));
-      EXPECT_EQ(lines.back().at("version"), 1);
-    }
-    EXPECT_EQ(lines.back().at("type"), "summary");
-    EXPECT_EQ(lines.back().at("exitStatus"), outcome.status);
-    return lines;
+    return jsonLines(host(root, {"verify", "--json", "--against", snapshot}));
   }
 
   TemporaryRoot scratch_;
@@ -54,14 +20,11 @@ class Verify : public testing::Test {
 };
 
 TEST_F(Verify, ProvesThatAMigrationLostNothingAndChangesNothingItself) {
-  SnapshotOptions everything;
-  everything.accessTimes = everything.changeTimes = true;
-  snapshotTree(device_);  // reads the links, which always counts as access
-  const TreeSnapshot before = snapshotTree(device_, everything);
+  const TreeSnapshot before = snapshotWithTimes(device_);
   EXPECT_EQ(host(device_, {"snapshot", "--out", snapshot_}).status, 0);
   EXPECT_EQ(host(device_, {"snapshot"}).out, readAll(snapshot_));
   EXPECT_EQ(host(device_, {"snapshot", "--out", device_ + "/inside"}).status, 2);
-  EXPECT_EQ(difference(before, snapshotTree(device_, everything)), "");
+  EXPECT_EQ(difference(before, snapshotWithTimes(device_)), "");
 
   const std::vector<Json> early = verify(device_, snapshot_);
   EXPECT_EQ(early.back().at("exitStatus"), 1);
@@ -69,22 +32,26 @@ TEST_F(Verify, ProvesThatAMigrationLostNothingAndChangesNothingItself) {
   EXPECT_EQ(early.back().at("items"), early.size() - 1);
   for (size_t i = 0; i + 1 < early.size(); ++i) EXPECT_EQ(early[i].at("what"), "oldLayout");
 
-  ASSERT_EQ(host(device_, {}).status, 0);
+  ASSERT_EQ(host(device_).status, 0);
   const std::vector<Json> late = verify(device_, snapshot_);
   EXPECT_EQ(late.size(), 1U) << late.front();
   EXPECT_EQ(late.back().at("exitStatus"), 0);
 }
 
-// Only what is planted may show: item and directory keep their times, meanwhile on "$2" and "$3".
-const std::string kKeepTimes =
-    ": >\"$2\"; : >\"$3\"; touch -hr \"$1\" \"$2\"; touch -r \"${1%/*}\" \"$3\"; ";
-const char* const kRestoreTimes = "; touch -chr \"$2\" \"$1\"; touch -r \"$3\" \"${1%/*}\"";
+// Copies the device "$1" into "$2". "$1" is then the item of name "$3" somewhere below "$4" there.
+// Only what is planted may show: item and directory keep their times, meanwhile on "$2".
+const std::string kBefore = R"sh(cp -a "$1" "$2/copy"; : >"$2/item"
+set -- "$(find "$2/copy/private/var/palliond/$4" -name "$3" -print -quit)" "$2"
+touch -hr "$1" "$2/item"; touch -r "${1%/*}" "$2"
+)sh";
+const char* const kAfter = R"sh(
+touch -chr "$2/item" "$1"; touch -r "$2" "${1%/*}")sh";
 
 TEST_F(Verify, NamesWhateverIsLostOrChanged) {
   const struct {
     const char* what;
-    const char* name;    // of an item somewhere below `place`
-    const char* damage;  // shell command; the item is "$1"
+    const char* name;
+    const char* damage;
     const char* place = "Containers/Data";
   } kCases[] = {
       {"content", "private.key", "printf x | dd of=\"$1\" bs=1 seek=7 conv=notrunc"},
@@ -92,7 +59,7 @@ TEST_F(Verify, NamesWhateverIsLostOrChanged) {
       {"missing", "caf\xE9.txt", "rm \"$1\""},
       {"mode", "locked.txt", "chmod 0644 \"$1\""},
       {"owner", "disk.image", "chown 7 \"$1\""},
-      {"modified", "control", "touch \"$2\""},
+      {"modified", "control", "touch \"$2/item\""},
       {"attribute user.com.example.tag", "tagged.txt", "setfattr -x user.com.example.tag \"$1\""},
       {"hardLink", "second name of the first", "cp -a \"$1\" \"$1.new\"; mv \"$1.new\" \"$1\""},
       {"target", "gone", "ln -sfn '/nowhere/at bll' \"$1\"; chown -h 33:33 \"$1\""},
@@ -101,20 +68,16 @@ TEST_F(Verify, NamesWhateverIsLostOrChanged) {
       {"missing", "history.dat", "rm \"$1\"", "Library/Pallion/SafeHarbors"},
   };
   ASSERT_EQ(host(device_, {"snapshot", "--out", snapshot_}).status, 0);
-  ASSERT_EQ(host(device_, {}).status, 0);
+  ASSERT_EQ(host(device_).status, 0);
   for (const auto& damage : kCases) {
     SCOPED_TRACE(std::string(damage.what) + " " + damage.name);
     const TemporaryRoot scratch;
-    const std::string copy = scratch / "copy";
-    ASSERT_EQ(run({"/bin/cp", "-a", device_, copy}).status, 0);
-    std::filesystem::path path;
-    const std::string place = copy + "/private/var/palliond/" + damage.place;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(place)) {
-      if (entry.path().filename() == damage.name) path = entry.path();
-    }
-    run({"/bin/sh", "-c", kKeepTimes + damage.damage + kRestoreTimes, "sh", path, scratch / "item",
-         scratch / "directory"});
-    const std::vector<Json> lines = verify(copy, snapshot_);
+    ChildProcess::Setup setup;
+    setup.arguments = {"/bin/sh",   "-c",        kBefore + damage.damage + kAfter,
+                       "sh",        device_,     scratch.path(),
+                       damage.name, damage.place};
+    runProcess(setup);
+    const std::vector<Json> lines = verify(scratch / "copy", snapshot_);
     EXPECT_EQ(lines.back().at("exitStatus"), 1);
     ASSERT_EQ(lines.size(), 2U) << Json(lines);
     EXPECT_EQ(lines[0].at("what"), damage.what);
