@@ -1,10 +1,6 @@
 #include <functional>
-#include <gtest/gtest.h>
 
-#include "AppMigrator/container_info.h"
-#include "file_operations/file_manager.h"
 #include "platform/extended_attributes.h"
-#include "platform/recursive_remove.h"
 #include "platform/set_aside.h"
 #include "tests/AppMigrator/migrator_fixture.h"
 #include "tests/helpers/refusing_remove.h"
@@ -12,6 +8,9 @@
 namespace pallion::test {
 
 namespace {
+
+const std::string kPrefix{kSetAsidePrefix};
+const std::string kAside = kPrefix + "01234567-89AB-4CDE-8F01-23456789ABCD";
 
 class Container : public MigratorFixture {
  protected:
@@ -30,7 +29,6 @@ Dictionary status(const char* name) {
 
 // What becomes of the old container and of the result, for every way in which a container can end.
 TEST_F(Container, EndsAsTheDecisionTableSays) {
-  const std::string container = std::string(kApplications) + "/C";
   const std::string named =
       "Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : more)";
   struct Row {
@@ -56,10 +54,16 @@ TEST_F(Container, EndsAsTheDecisionTableSays) {
          installer.statuses = {Dictionary(), status("SomeError")};
        },
        false, false, named + "\nFailed to install file://$A/C/Staging/ : FakeDomain 7: refused"},
+      // This installer leaves what it refused.
+      {"older than the system's own",
+       [&] {
+         installer.refuseBundles = true;
+         installer.statuses = {status("ApplicationAlreadyInstalled")};
+       },
+       false, true, "Found missed items in $A/C/ for org.foo: (file://$A/C/Staging/)"},
       {"status but success", [&] { installer.statuses = {status("SomeError")}; }, true, false,
        named},
-      {"payload can't be made", [&] { root.makeFile(container + "/Staging", "in the way"); }, false,
-       false,
+      {"payload can't be made", [&] { makeItem("C/Staging", "in the way"); }, false, false,
        "Failed to create file://$A/C/Staging/Payload/ : POSIX 20: mkpath_np of "
        "$A/C/Staging/Payload/ failed: Not a directory"},
       {"no groups to be had",
@@ -68,22 +72,19 @@ TEST_F(Container, EndsAsTheDecisionTableSays) {
          makeInstallMap({{"g", Value::integer(1)}});
        },
        false, true, "Failed to get group container URLs for installed org.foo"},
-      {"known name but for its case",
-       [&] { root.makeFile(container + "/com.orlix.pallion.Placeholder", "x"); }, false, true,
+      {"known name but for its case", [&] { makeItem("C/com.orlix.pallion.Placeholder", "x"); },
+       false, true,
        "Found missed items in $A/C/ for org.foo: (file://$A/C/com.orlix.pallion.Placeholder)"},
       {"names that never count",
        [&] {
-         root.makeFile(container + "/com.orlix.pallion.migration_marker");
-         root.makeFile(container + "/com.orlix.pallion.placeholder");
+         makeItem("C/com.orlix.pallion.migration_marker");
+         makeItem("C/com.orlix.pallion.placeholder");
        },
        true, false, ""},
   };
-  const PLFileManager& files = PLFileManager::defaultManager();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    for (const char* path : {kApplications, "new", kInstallMap}) {
-      files.removeItemAtURL(URL::fileURL(root / path), nullptr);
-    }
+    for (const char* path : {kApplications, "new", kInstallMap}) remove(root / path);
     installer.installed.clear();
     installer.refusePlaceholders = installer.refuseBundles = installer.knowNoProxy = false;
     installer.giveNoDataContainer = installer.giveNoGroups = false;
@@ -102,21 +103,6 @@ TEST_F(Container, EndsAsTheDecisionTableSays) {
   }
 }
 
-TEST_F(Container, OlderThanTheSystemsOwnCountsAsDone) {
-  makeApplication("C", "org.foo");
-  installer.refuseBundles = true;
-  installer.statuses = {status("ApplicationAlreadyInstalled")};
-  EXPECT_FALSE(
-      run());  // the refused staging directory was left by this installer, so it is a missed item
-  EXPECT_TRUE(
-      logged("5 PLAppMigrator: Installation of $A/C/Foo.app/ failed because it's older than what's "
-             "built into "
-             "the system. Data migration already happened so we're done here."));
-  EXPECT_FALSE(
-      logged("3 PLAppMigrator: Failed to install file://$A/C/Staging/ : FakeDomain 7: refused"));
-  EXPECT_EQ(newLetter("org.foo"), "org.foo");
-}
-
 TEST_F(Container, PlaceholderBundleMovesDataAlone) {
   for (const bool known : {true, false}) {
     makeApplication("C", "org.foo");
@@ -124,7 +110,7 @@ TEST_F(Container, PlaceholderBundleMovesDataAlone) {
     ASSERT_EQ(
         0, ExtendedAttributes::current().set(inApplications("C/Foo.app").c_str(),
                                              "com.orlix.palliond.placeholder", &mark, sizeof mark));
-    root.makeFile(std::string(kApplications) + "/C/stray", "no missed-items check is made");
+    makeItem("C/stray", "no missed-items check is made");
     installer.installed.clear();
     if (known) installer.installed = {"org.foo"};
     installer.installations.clear();
@@ -137,7 +123,7 @@ TEST_F(Container, PlaceholderBundleMovesDataAlone) {
 
 TEST_F(Container, OldItemsReplaceTheInstallersWholly) {
   makeApplication("C", "org.foo");
-  root.makeFile(std::string(kApplications) + "/C/Tillbox/receipt", "r");
+  makeItem("C/Tillbox/receipt", "r");
   root.makeLink(std::string(kApplications) + "/C/tmp", "/nowhere");
   root.makeFile("new/data/org.foo/Documents/installers", "gone afterwards");
   root.makeFile("new/data/org.foo/Library/installers", "stays: there is no old one");
@@ -152,8 +138,8 @@ TEST_F(Container, OldItemsReplaceTheInstallersWholly) {
 
 TEST_F(Container, AFailedMoveLeavesTheRestAndLaterRunsFinish) {
   makeApplication("C", "org.foo");
-  root.makeFile(std::string(kApplications) + "/C/Library/kept", "k");
-  root.makeFile(std::string(kApplications) + "/C/tmp/scrap", "s");
+  makeItem("C/Library/kept", "k");
+  makeItem("C/tmp/scrap", "s");
   root.makeFile("new/data/org.foo/Library/blocking", "b");
   {
     const RefusingRemove refusing("/org.foo/Library");  // what is in the way stays
@@ -173,59 +159,35 @@ TEST_F(Container, AFailedMoveLeavesTheRestAndLaterRunsFinish) {
 // What an interrupted move across volumes leaves is not user data any more: it is swept, never
 // missed, never moved.
 TEST_F(Container, LeftoversOfInterruptedMovesAreSwept) {
-  const std::string aside = std::string(kSetAsidePrefix) + "01234567-89AB-4CDE-8F01-23456789ABCD";
   makeApplication("C", "org.foo");
-  root.makeFile(std::string(kApplications) + "/C/" + aside + "/half", "removed");
-  root.makeFile("old-group/" + aside + "/half", "removed");
+  makeItem("C/" + kAside + "/half", "removed");
+  root.makeFile("old-group/" + kAside + "/half", "removed");
   root.makeFile("old-group/shared", "kept");
   makeInstallMap({{"g", groupAt("old-group")}});
   installer.groups["org.foo"] = {"g"};
   installer.refusePlaceholders = true;
   EXPECT_FALSE(run());
   EXPECT_TRUE(exists(inApplications("C/Documents/letter")));
-  EXPECT_FALSE(exists(inApplications("C/" + aside)));
+  EXPECT_FALSE(exists(inApplications("C/" + kAside)));
   installer.refusePlaceholders = false;
   EXPECT_TRUE(run());
   EXPECT_EQ(readAll(root / "new/group/g/shared"), "kept");
-  EXPECT_FALSE(exists(root / ("new/group/g/" + aside)));
+  EXPECT_FALSE(exists(root / ("new/group/g/" + kAside)));
   EXPECT_FALSE(exists(root / "old-group"));
   // A name that only looks like one is an item like any other.
   makeApplication("D", "org.bar");
-  root.makeFile(std::string(kApplications) + "/D/" + std::string(kSetAsidePrefix) + "x", "stray");
+  makeItem("D/" + kPrefix + "x", "stray");
   EXPECT_FALSE(run());
-  EXPECT_TRUE(exists(inApplications("D/" + std::string(kSetAsidePrefix) + "x")));
+  EXPECT_TRUE(exists(inApplications("D/" + kPrefix + "x")));
 }
 
 // One that can't be removed does not keep the container: what it held stands in the new layout.
 TEST_F(Container, LeftoversThatStayCountAsNothingMissed) {
-  const std::string aside = std::string(kSetAsidePrefix) + "01234567-89AB-4CDE-8F01-23456789ABCD";
   makeApplication("C", "org.foo");
-  root.makeFile(std::string(kApplications) + "/C/" + aside + "/half");
-  const RefusingRemove refusing(aside);
+  makeItem("C/" + kAside + "/half");
+  const RefusingRemove refusing(kAside);
   EXPECT_TRUE(run());
   EXPECT_EQ(newLetter("org.foo"), "org.foo");
-}
-
-TEST_F(Container, RemovalBeginsWithTheMarker) {
-  makeApplication("C", "org.foo");
-  class Recording : public RecursiveRemove {
-   public:
-    int remove(const char* path, RemovalState& state) override {
-      paths.emplace_back(path);
-      return system().remove(path, state);
-    }
-    std::vector<std::string> paths;
-  } recording;
-  RecursiveRemove::replace(&recording);
-  EXPECT_TRUE(run());
-  RecursiveRemove::replace(nullptr);
-  const auto at = [&](const std::string& path) {
-    return std::find(recording.paths.begin(), recording.paths.end(), path) -
-           recording.paths.begin();
-  };
-  EXPECT_LT(at(inApplications("C/com.orlix.pallion.container_migrator.plist")),
-            at(inApplications("C")));
-  EXPECT_LT(static_cast<size_t>(at(inApplications("C"))), recording.paths.size());
 }
 
 }  // namespace pallion::test

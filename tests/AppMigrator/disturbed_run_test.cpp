@@ -1,12 +1,9 @@
 #include <functional>
-#include <gtest/gtest.h>
 #include <optional>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "AppMigrator/container_info.h"
-#include "file_operations/file_manager.h"
 #include "platform/tree_copy.h"
 #include "tests/AppMigrator/migrator_fixture.h"
 #include "tests/helpers/leased_file.h"
@@ -21,9 +18,7 @@ class Disturbed : public MigratorFixture {
  protected:
   // One application "org.foo" in the container "C" with one group container.
   void layOut() {
-    const PLFileManager& files = PLFileManager::defaultManager();
-    for (const char* path : {kApplications, "new", "groups", kInstallMap})
-      files.removeItemAtURL(URL::fileURL(root / path), nullptr);
+    for (const char* path : {kApplications, "new", "groups", kInstallMap}) remove(root / path);
     installer.installed.clear();
     installer.groups = {{"org.foo", {"g"}}};
     makeApplication("C", "org.foo");
@@ -126,8 +121,7 @@ TEST_F(Disturbed, FailuresAreToldAndNothingIsLost) {
       {"bundle without list",
        [&] {
          makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
-         PLFileManager::defaultManager().removeItemAtURL(
-             URL::fileURL(inApplications("C/Foo.app/Info.plist")), nullptr);
+         remove(inApplications("C/Foo.app/Info.plist"));
        },
        "", false, true,
        "3 PLAppMigrator: Failed to get bundle info dictionary for bundle $A/C/Foo.app/"},
@@ -152,19 +146,25 @@ TEST_F(Disturbed, FailuresAreToldAndNothingIsLost) {
     EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
     const bool remains = exists(inApplications("C"));
     EXPECT_EQ(remains, row.remains.value_or(remains));
+    // Removal begins with the marker.
+    if (row.refusedRemoval == "/Applications/C") {
+      EXPECT_FALSE(exists(inApplications("C/" + std::string(kMigrationMarkerName))));
+    }
     expectNothingLost();
   }
 }
 
-TEST_F(Disturbed, OldLayoutThatCannotBeRemovedAtOnce) {
-  for (const std::string name : {"/Applications", ".pallion.plist"}) {
+TEST_F(Disturbed, OldLayoutOfNothingButLinksIsRemovedAtOnceWhereThatCanBe) {
+  for (const std::string name : {"/Applications", ".pallion.plist", ""}) {
     layOut();
-    PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(inApplications("C")), nullptr);
+    remove(inApplications("C"));
+    root.makeLink(std::string(kApplications) + "/link", "/nowhere");
     const RefusingRemove refusing(name);
     EXPECT_TRUE(PLAppMigrator(configuration).init());
-    ASSERT_EQ(lines().size(), 1U);
-    EXPECT_TRUE(lines()[0].starts_with("3 PLAppMigrator: Failed to remove $")) << lines()[0];
-    EXPECT_NE(lines()[0].find(name == "/Applications" ? "$A" : name), std::string::npos);
+    EXPECT_EQ(exists(root / kApplications), name == "/Applications");
+    EXPECT_EQ(exists(root / kInstallMap), name == ".pallion.plist");
+    const std::string place = name == "/Applications" ? "$A" : "$R/" + std::string(kInstallMap);
+    EXPECT_NE(name.empty(), loggedBeginningWith("3 PLAppMigrator: Failed to remove " + place));
   }
 }
 
@@ -183,8 +183,7 @@ TEST_F(Disturbed, WhatCannotBeReadJustNowIsNotAbsent) {
     // Nothing but the marker tells what the second one was.
     if (row.file != kInstallMap) {
       makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
-      PLFileManager::defaultManager().removeItemAtURL(URL::fileURL(inApplications("C/Foo.app")),
-                                                      nullptr);
+      remove(inApplications("C/Foo.app"));
     }
     {
       const LeasedFile leased(root / row.file);

@@ -1,9 +1,6 @@
-#include <algorithm>
 #include <functional>
 #include <sys/stat.h>
 
-#include "AppMigrator/container_info.h"
-#include "file_operations/file_manager.h"
 #include "tests/AppMigrator/migrator_fixture.h"
 #include "tests/helpers/unreadable_bundle.h"
 
@@ -36,13 +33,12 @@ TEST_F(Introspection, DecidesWhatAnItemIs) {
   const Row rows[] = {
       {"plain file", [&] { root.makeFile(container, "x"); }, false, regular},
       {"FIFO", [&] { mkfifo((root / container).c_str(), 0600); }, false, regular},
-      {"only user data", [&] { root.makeFile(container + "/Documents/x"); }, false, empty},
+      {"only user data", [&] { makeItem("C/Documents/x"); }, false, empty},
       {"bundle without identifier", [&] { makeBundle("C", "Foo.app", ""); }, false,
        unnamed + "/\n" + empty},
-      {"damaged Info.plist", [&] { root.makeFile(container + "/Foo.app/Info.plist", "bplist00"); },
-       false, unnamed + "/\n" + empty},
-      {"bundle is a file", [&] { root.makeFile(container + "/Foo.app"); }, false,
-       unnamed + "\n" + empty},
+      {"damaged Info.plist", [&] { makeItem("C/Foo.app/Info.plist", "bplist00"); }, false,
+       unnamed + "/\n" + empty},
+      {"bundle is a file", [&] { makeItem("C/Foo.app"); }, false, unnamed + "\n" + empty},
       {"plugin without identifier", [&] { makeBundle("C", "Bar.vpnplugin", ""); }, false, empty},
       {"extension in capitals", [&] { makeBundle("C", "Foo.APP", "org.foo"); }, false, empty},
       {"only an extension", [&] { makeBundle("C", ".app", "org.foo"); }, false, empty},
@@ -52,13 +48,12 @@ TEST_F(Introspection, DecidesWhatAnItemIs) {
        "VPN plugin was symlink; skipping container $A/C/Bar.vpnplugin"},
       {"marker link", [&] { link(marker); }, true,
        "Migration marker was symlink; skipping container $A/C/" + marker},
-      {"damaged marker without a bundle",
-       [&] { root.makeFile(container + "/" + marker, "half a mar"); }, false,
+      {"damaged marker without a bundle", [&] { makeItem("C/" + marker, "half a mar"); }, false,
        damaged + "\n" + damaged + "\n" + empty},
       {"damaged marker with a bundle",
        [&] {
          makeBundle("C", "Foo.app", "org.foo");
-         root.makeFile(container + "/" + marker, "");
+         makeItem("C/" + marker, "");
        },
        true, damaged + "\n" + damaged},
   };
@@ -71,7 +66,7 @@ TEST_F(Introspection, DecidesWhatAnItemIs) {
     EXPECT_EQ(itemErrors(), row.errors);
     EXPECT_EQ(exists(inApplications("C")), row.remains);
     EXPECT_TRUE(installer.installations.empty());
-    PLFileManager::defaultManager().removeItemAtURL(configuration.oldContainerPath(), nullptr);
+    remove(root / kApplications);
   }
 }
 
@@ -113,7 +108,7 @@ TEST_F(Introspection, RejectsMarkersInTheOrderOfTheirKeys) {
 TEST_F(Introspection, ResumesFromAMarkerWhateverTheBundleIs) {
   // The bundle has left its place already, and one with another identifier must not count.
   makeBundle("C", "Other.app", "org.other");
-  root.makeFile(std::string(kApplications) + "/C/Staging/Payload/Foo.app/main");
+  makeItem("C/Staging/Payload/Foo.app/main");
   makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
   installer.installed = {"org.foo"};
   EXPECT_FALSE(run());  // Other.app is a missed item

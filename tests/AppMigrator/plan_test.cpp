@@ -36,8 +36,7 @@ class PlanTest : public MigratorFixture {
   }
   // The result that a plan foretells, which the run then has.
   void expectRun(bool result, const char* what) {
-    const Dictionary foretold = plan();
-    EXPECT_EQ(foretold.get(plan::kResult), Value::boolean(result)) << what;
+    EXPECT_EQ(plan().get(plan::kResult), Value::boolean(result)) << what;
     EXPECT_EQ(migrate(), result) << what;
   }
 
@@ -57,7 +56,7 @@ TEST_F(PlanTest, TellsWhatIsCopiedAndWhetherItFits) {
     EXPECT_EQ(data.get(plan::kAction), Value::string("copy"));
     EXPECT_EQ(data.get(plan::kEntries).int64Value(), 2);
 
-    root.makeFile(std::string(kApplications) + "/large/Documents/film", std::string(9 << 20, 'x'));
+    makeItem("large/Documents/film", std::string(9 << 20, 'x'));
     makeBundle("large", "Foo.app", "com.example.large");
     expectRun(false, "more than the volume holds");
     EXPECT_EQ(readAll(inApplications("large/Documents/film")).size(), size_t{9} << 20);
@@ -69,11 +68,10 @@ TEST_F(PlanTest, CountsWhatTheRegistryWillHaveCompleted) {
   makeApplication("1", "com.example.one");
   ASSERT_TRUE(migrate());
   // A run that died between the taking over of the bundle and its record.
-  root.makeFile(std::string(kApplications) + "/2/Library/left", "");
-  makeMarker("2", {{"ContainerPath", Value::string(inApplications("2/"))},
-                   {"BundlePath", Value::string(inApplications("2/Tunnel.vpnplugin/"))},
-                   {"ContainerType", Value::string("VPNBundle")},
-                   {"BundleIdentifier", Value::string("com.example.two")}});
+  makeItem("2/Library/left");
+  Dictionary marker = markerFor("2", "Tunnel.vpnplugin", "com.example.two");
+  marker.set(kContainerTypeKey, Value::string("VPNBundle"));
+  makeMarker("2", marker);
   const std::string payload = root.makeDirectory(
       "private/var/palliond/Containers/Incoming/"
       "bundle.0123ABCD-0000-4000-8000-0123456789AB/Payload");
