@@ -1,12 +1,9 @@
-#include <cerrno>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "configuration/global_configuration.h"
 #include "file_operations/file_manager.h"
-#include "foundation/property_list.h"
-#include "platform/bundle.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/temporary_root.h"
 
@@ -18,18 +15,15 @@ using Identifiers = std::set<std::string>;
 // A device's root with bundles, and its configuration.
 class BuiltInBundles : public testing::Test {
  protected:
-  std::string writeInfo(const std::string& bundle, const Dictionary& info) const {
-    root_.makeDirectory(bundle);
-    EXPECT_EQ(writePropertyListFile(Value::dictionary(info),
-                                    URL::fileURL(root_ / (bundle + "/Info.plist")),
-                                    PropertyListFormat::kXML, Durability::kNotSynced),
-              0);
+  std::string writeInfo(const std::string& bundle, const std::string& entries) const {
+    root_.makeFile(bundle + "/Info.plist",
+                   "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>");
     return root_ / bundle;
   }
   std::string makeBundle(const std::string& bundle, const std::string& identifier) const {
-    return writeInfo(bundle, {{"QXBundleIdentifier", Value::string(identifier)},
-                              {"QXBundleVersion", Value::string("1.2")},
-                              {"QXBundleExecutable", Value::string("run")}});
+    return writeInfo(bundle, "<key>QXBundleIdentifier</key><string>" + identifier +
+                                 "</string><key>QXBundleVersion</key><string>1.2</string>"
+                                 "<key>QXBundleExecutable</key><string>run</string>");
   }
 
   TemporaryRoot root_;
@@ -43,20 +37,17 @@ Identifiers identifiersOf(const std::optional<Dictionary>& map) {
   return identifiers;
 }
 
-using MapGetter = std::optional<Dictionary> (PLGlobalConfiguration::*)();
-
-struct Inventory {
+using Configuration = PLGlobalConfiguration;
+const struct Inventory {
   const char* directory;
-  MapGetter get;
-  void (PLGlobalConfiguration::*reScan)();
-};
-const Inventory kInventories[] = {
-    {"Applications", &PLGlobalConfiguration::systemAppBundleIDToInfoMap,
-     &PLGlobalConfiguration::reScanSystemApps},
-    {"System/Library/Baseweave", &PLGlobalConfiguration::baseweaveAppBundleIDToInfoMap,
-     &PLGlobalConfiguration::reScanBaseweaveApps},
-    {"OrlixInternal/Applications", &PLGlobalConfiguration::internalAppBundleIDToInfoMap,
-     &PLGlobalConfiguration::reScanInternalApps},
+  std::optional<Dictionary> (Configuration::*get)();
+  void (Configuration::*reScan)();
+} kInventories[] = {
+    {"Applications", &Configuration::systemAppBundleIDToInfoMap, &Configuration::reScanSystemApps},
+    {"System/Library/Baseweave", &Configuration::baseweaveAppBundleIDToInfoMap,
+     &Configuration::reScanBaseweaveApps},
+    {"OrlixInternal/Applications", &Configuration::internalAppBundleIDToInfoMap,
+     &Configuration::reScanInternalApps},
 };
 
 TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
@@ -68,8 +59,8 @@ TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
   root_.makeLink("Applications/Link.app", makeBundle("elsewhere/Linked.app", "linked"));
   root_.makeDirectory("Applications/Missing.app");
   root_.makeFile("Applications/Damaged.app/Info.plist", "damaged");
-  writeInfo("Applications/Number.app", {{"QXBundleIdentifier", Value::integer(1)}});
-  writeInfo("Applications/Nothing.app", {{"QXBundleVersion", Value::string("1")}});
+  writeInfo("Applications/Number.app", "<key>QXBundleIdentifier</key><integer>1</integer>");
+  writeInfo("Applications/Nothing.app", "<key>QXBundleVersion</key><string>1</string>");
   root_.makeFile("Applications/File.app");
   RecordedProductLog log(kLogDebug);
   const Dictionary info{{"QXBundleIdentifier", Value::string("good")},
@@ -84,16 +75,11 @@ TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
   for (const std::string& line : log.lines) {
     if (line.starts_with(prefix)) skipped.insert(line.substr(prefix.size()));
   }
-  const auto at = [&](const char* name, URL::Kind kind) {
-    return URL::fileURL(root_ / "Applications" + "/" + name, kind).absoluteString();
-  };
-  const auto kDirectory = URL::Kind::kDirectory;
-  EXPECT_EQ(skipped,
-            (Identifiers{"load Info.plist from bundle " + at("Missing.app", kDirectory),
-                         "load Info.plist from bundle " + at("Damaged.app", kDirectory),
-                         "load Info.plist from bundle " + at("File.app", URL::Kind::kFile),
-                         "get QXBundleIdentifier from bundle " + at("Number.app", kDirectory),
-                         "get QXBundleIdentifier from bundle " + at("Nothing.app", kDirectory)}));
+  const std::string list = "load Info.plist from bundle file://" + (root_ / "Applications/");
+  const std::string identifier =
+      "get QXBundleIdentifier from bundle file://" + (root_ / "Applications/");
+  EXPECT_EQ(skipped, (Identifiers{list + "Missing.app/", list + "Damaged.app/", list + "File.app",
+                                  identifier + "Number.app/", identifier + "Nothing.app/"}));
 }
 
 TEST_F(BuiltInBundles, WithOneIdentifierCountAsTheOneListedLast) {
@@ -121,8 +107,8 @@ TEST_F(BuiltInBundles, AreScannedUntilThereIsAListAndThenOnlyOnDemand) {
       ASSERT_EQ(log.lines.size(), 1U);
       const std::string line =
           "3 -[PLGlobalConfiguration _bundleIDMapForBundlesInDirectory:withExtension:]: "
-          "Failed to search for apps in " +
-          URL::fileURL(root_ / directory, URL::Kind::kDirectory).absoluteString() + " : ";
+          "Failed to search for apps in file://" +
+          (root_ / directory) + "/ : ";
       EXPECT_TRUE(log.lines[0].starts_with(line)) << log.lines[0];
       EXPECT_NE(log.lines[0].find("Not a directory"), std::string::npos) << log.lines[0];
     }

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <linux/blkpg.h>
 #include <linux/loop.h>
@@ -9,7 +8,6 @@
 #include <sys/ioctl.h>
 
 #include "configuration/global_configuration.h"
-#include "foundation/property_list.h"
 #include "foundation/unique_descriptor.h"
 #include "platform/device_registry.h"
 #include "platform/mount_table.h"
@@ -163,60 +161,48 @@ TEST(DiskImages, AreFoundWhereTheirMediaAreMounted) {
   }
 }
 
-// Makes <directory>/Applications/<name>.app.
-std::string makeApplication(const std::string& directory, const std::string& name,
-                            const std::string& identifier) {
-  const std::string path = directory + "/Applications/" + name + ".app";
-  std::filesystem::create_directories(path);
-  const Dictionary info{{"QXBundleIdentifier", Value::string(identifier)}};
-  EXPECT_EQ(writePropertyListFile(Value::dictionary(info), URL::fileURL(path + "/Info.plist"),
-                                  PropertyListFormat::kXML, Durability::kNotSynced),
-            0);
-  return path + "/";
-}
-
-std::string locationOf(const Dictionary& map, const char* identifier) {
-  const Value info = map.get(identifier);
-  return info ? *info.asDictionary()->getString(PLGlobalConfiguration::kBundleURLKey) : "";
-}
-
 TEST(DiskImages, HaveApplicationsWhereTheyAreMountedTheLaterFirst) {
   const TemporaryRoot root;
-  makeApplication(root / "1", "A", "a");
-  const std::string own = makeApplication(root / "1", "B", "b");
-  const std::string later = makeApplication(root / "2", "Other", "a");
+  const auto makeApplication = [&](const std::string& path, const char* identifier) {
+    root.makeFile(
+        path + "/Info.plist",
+        std::string("<plist version=\"1.0\"><dict><key>QXBundleIdentifier</key><string>") +
+            identifier + "</string></dict></plist>");
+    return root / (path + "/");
+  };
+  makeApplication("1/Applications/A.app", "a");
+  const std::string own = makeApplication("1/Applications/B.app", "b");
+  const std::string later = makeApplication("2/Applications/Other.app", "a");
   const FakeMountTable mounts({{{"/dev/d1", root / "1"},
                                 {"/dev/d2", root / "2"},
                                 {"/dev/d3", "/private/var/debug_mount2"},
-                                {"/dev/d4", "/private/var/debug_moun"}}});
+                                {"/dev/d4", "/private/var/debug_moun"},
+                                {"/dev/d5", root / "Developer"}}});
   Node controller{kDiskImageController};
-  for (const char* name : {"d1", "d2", "d3", "d4"}) {
+  for (const char* name : {"d1", "d2", "d3", "d4", "d5"}) {
     controller.below.push_back(drive({medium(name)}));
   }
   const FakeDevices devices(controller);
   PLGlobalConfiguration c(root.url());
   RecordedProductLog log(kLogDebug);
-  std::string printed;
-  for (const URL& url : c.diskImageApplicationsDirectories()) {
-    printed += (printed.empty() ? "" : ", ") + url.path();
-  }
-  EXPECT_EQ(printed, root / "1/Applications/, " + root / "2/Applications/, " +
-                         "/private/var/debug_moun/Applications/, " +
-                         root / "Developer/Applications/");
+  Paths directories;
+  for (const URL& url : c.diskImageApplicationsDirectories()) directories.push_back(url.path());
+  // That of the developers counts once.
+  EXPECT_EQ(directories,
+            (Paths{root / "1/Applications/", root / "2/Applications/",
+                   "/private/var/debug_moun/Applications/", root / "Developer/Applications/"}));
   ASSERT_EQ(log.lines.size(), 1U);
   const std::string line =
       "7 -[PLGlobalConfiguration diskImageApplicationsDirectories]: returning: (file://";
   EXPECT_TRUE(log.lines[0].starts_with(line + (root / "1/Applications/, "))) << log.lines[0];
-  EXPECT_EQ(locationOf(c.diskImageAppBundleIDToInfoMap(), "a"), later);
-  EXPECT_EQ(locationOf(c.diskImageAppBundleIDToInfoMap(), "b"), own);
-  const std::string developer = makeApplication(root / "Developer", "D", "a");
-  EXPECT_EQ(locationOf(c.diskImageAppBundleIDToInfoMap(), "a"), developer);
-}
-
-TEST(DiskImages, AtTheDevelopersDirectoryCountOnce) {
-  const FakeMountTable mounts(std::vector<MountedFileSystem>{{"/dev/d1", "/Developer"}});
-  const FakeDevices devices({kDiskImageController, nullptr, {drive({medium("d1")})}});
-  EXPECT_EQ(PLGlobalConfiguration(URL()).diskImageApplicationsDirectories().size(), 1U);
+  const auto locationOf = [&](const char* identifier) {
+    const Value info = c.diskImageAppBundleIDToInfoMap().get(identifier);
+    return info ? *info.asDictionary()->getString(PLGlobalConfiguration::kBundleURLKey) : "";
+  };
+  EXPECT_EQ(locationOf("a"), later);
+  EXPECT_EQ(locationOf("b"), own);
+  const std::string developer = makeApplication("Developer/Applications/D.app", "a");
+  EXPECT_EQ(locationOf("a"), developer);
 }
 
 TEST(DiskImages, AreLoopDevicesWithTheirPartitionsInOrder) {

@@ -1,9 +1,7 @@
 #include <cerrno>
-#include <cstring>
+#include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "file_operations/file_manager.h"
 #include "platform/recursive_remove.h"
@@ -21,14 +19,44 @@ namespace {
 
 const PLFileManager& files = PLFileManager::defaultManager();
 
-// Names in a directory that an interrupted or refused removal left set aside.
-size_t countSetAside(const std::string& directory) {
-  const auto items = files.urlsForItemsInDirectoryAtURL(
-      URL::fileURL(directory, URL::Kind::kDirectory), false, nullptr);
-  size_t count = 0;
-  for (const URL& item : *items) count += isSetAsideName(item.lastPathComponent()) ? 1U : 0U;
-  return count;
-}
+// The calls of a move in their order, one of which fails.
+struct Calls {
+  bool fails(const std::string& call, int number) {
+    made += call + " ";
+    if (call == failing) errno = number;
+    return call == failing;
+  }
+  std::string failing;
+  std::string made{};
+};
+
+class WatchedCopy : public TreeCopy {
+ public:
+  explicit WatchedCopy(Calls& calls) : calls_(calls) { replace(this); }
+  ~WatchedCopy() override { replace(nullptr); }
+  int copy(const char* source, const char* destination) override {
+    return calls_.fails("copy", ENOSPC) ? -1 : system().copy(source, destination);
+  }
+  int syncVolume(const char* path) override { return system().syncVolume(path); }
+  int syncCopies(const char* path) override {
+    return calls_.fails("sync", EIO) ? -1 : system().syncCopies(path);
+  }
+
+ private:
+  Calls& calls_;
+};
+
+class WatchedRemove : public RecursiveRemove {
+ public:
+  explicit WatchedRemove(Calls& calls) : calls_(calls) { replace(this); }
+  ~WatchedRemove() override { replace(nullptr); }
+  int remove(const char* path, RemovalState& state) override {
+    return calls_.fails("remove", EPERM) ? -1 : system().remove(path, state);
+  }
+
+ private:
+  Calls& calls_;
+};
 
 }  // namespace
 
@@ -37,25 +65,22 @@ TEST(CopyAndMove, TreatMissingSourcesByTheirForm) {
   const URL none = URL::fileURL(root / "none");
   const URL target = URL::fileURL(root / "target");
   const URL below = URL::fileURL(root.makeFile("file") + "/below");
-  const std::string fromTo = none.absoluteString() + " to " + target.absoluteString();
-  struct Row {
+  const std::string statFailed = "stat of " + below.absoluteString() + " failed: Not a directory";
+  const std::string failed = " of " + none.absoluteString() + " to " + target.absoluteString() +
+                             " failed: No such file or directory";
+  using Files = PLFileManager;
+  const struct {
     bool (PLFileManager::*operation)(const URL&, const URL&, Error*) const;
     const URL& source;
     int code;
     std::string description;
-  };
-  const std::string statFailed = "stat of " + below.absoluteString() + " failed: Not a directory";
-  const Row rows[] = {
-      {&PLFileManager::copyItemIfExistsAtURL, none, 0, ""},
-      {&PLFileManager::moveItemIfExistsAtURL, none, 0, ""},
-      {&PLFileManager::copyItemAtURL, none, ENOENT,
-       "copyfile of " + fromTo + " failed: No such file or directory"},
-      {&PLFileManager::moveItemAtURL, none, ENOENT,
-       "rename of " + fromTo + " failed: No such file or directory"},
-      {&PLFileManager::copyItemIfExistsAtURL, below, ENOTDIR, statFailed},
-      {&PLFileManager::moveItemIfExistsAtURL, below, ENOTDIR, statFailed},
-  };
-  for (const Row& row : rows) {
+  } rows[] = {{&Files::copyItemIfExistsAtURL, none, 0, ""},
+              {&Files::moveItemIfExistsAtURL, none, 0, ""},
+              {&Files::copyItemAtURL, none, ENOENT, "copyfile" + failed},
+              {&Files::moveItemAtURL, none, ENOENT, "rename" + failed},
+              {&Files::copyItemIfExistsAtURL, below, ENOTDIR, statFailed},
+              {&Files::moveItemIfExistsAtURL, below, ENOTDIR, statFailed}};
+  for (const auto& row : rows) {
     Error error;
     EXPECT_EQ((files.*row.operation)(row.source, target, &error), row.code == 0);
     EXPECT_EQ(error.code(), row.code);
@@ -64,111 +89,55 @@ TEST(CopyAndMove, TreatMissingSourcesByTheirForm) {
   }
 }
 
-TEST(CopyAndMove, KeepTreesOnOneVolume) {
-  TemporaryRoot root;
-  root.makeFile("from/a/b", "text");
-  const TreeSnapshot before = snapshotTree(root / "from");
-  const URL from = URL::fileURL(root / "from");
-  ASSERT_TRUE(files.copyItemAtURL(from, URL::fileURL(root / "copy"), nullptr));
-  ASSERT_TRUE(files.moveItemAtURL(from, URL::fileURL(root / "moved"), nullptr));
-  for (const char* name : {"copy", "moved"}) {
-    EXPECT_EQ(difference(before, snapshotTree(root / name)), "") << name;
-  }
-  EXPECT_FALSE(exists(root / "from"));
-}
-
 TEST(CopyAndMove, AcrossVolumesTheCopyIsDurableBeforeTheSourceGoes) {
   if (!canMount()) GTEST_SKIP() << "mounting is not permitted here";
   TemporaryRoot root;
-  root.makeDirectory("other");
-  ASSERT_TRUE(runInMountNamespace([&] {
+  const URL from = URL::fileURL(root / "from", URL::Kind::kDirectory);
+  const URL to = URL::fileURL(root.makeDirectory("other") + "/to", URL::Kind::kDirectory);
+  const std::string copyFailed =
+      "copyfile of " + from.absoluteString() + " to " + to.absoluteString() + " failed: ";
+  const struct {
+    const char* failing;
+    int code;
+    const char* calls;
+    size_t setAside;
+    std::string told;  // beginning of the record's description, or of the line in the log
+  } rows[] = {
+      {"", 0, "copy sync remove ", 0, ""},
+      {"copy", ENOSPC, "copy ", 0, copyFailed + "No space left on device"},
+      {"sync", EIO, "copy sync ", 0, copyFailed + "Input/output error"},
+      {"remove", 0, "copy sync remove ", 1,
+       "3 -[PLFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]: Failed to remove move "
+       "source after copy at " +
+           (root / "from/") + " : POSIX 1: removefile of "},
+  };
+  EXPECT_TRUE(runInMountNamespace([&] {
     const Mount volume = Mount::tmpfs(root / "other", "size=16m");
     ASSERT_TRUE(volume.mounted());
-    // What happens in which order, and what fails where.
-    class Watching : public TreeCopy {
-     public:
-      int copy(const char* source, const char* destination) override {
-        calls += "copy ";
-        if (failCopy) return errno = ENOSPC, -1;
-        return system().copy(source, destination);
-      }
-      int syncVolume(const char* path) override { return system().syncVolume(path); }
-      int syncCopies(const char* path) override {
-        calls += "sync ";
-        if (failSync) return errno = EIO, -1;
-        return system().syncCopies(path);
-      }
-      std::string calls;
-      bool failCopy = false;
-      bool failSync = false;
-    } watching;
-    class WatchingRemove : public RecursiveRemove {
-     public:
-      explicit WatchingRemove(Watching& watched) : watched_(watched) {}
-      int remove(const char* path, RemovalState& state) override {
-        watched_.calls += "remove ";
-        if (fail) return errno = EPERM, -1;
-        return system().remove(path, state);
-      }
-      bool fail = false;
-
-     private:
-      Watching& watched_;
-    } watchingRemove(watching);
-    TreeCopy::replace(&watching);
-    RecursiveRemove::replace(&watchingRemove);
-
-    const URL from = URL::fileURL(root / "from", URL::Kind::kDirectory);
-    const URL destination = URL::fileURL(root / "other/to", URL::Kind::kDirectory);
-    struct Row {
-      bool failCopy;
-      bool failSync;
-      bool failRemove;
-      int code;
-      const char* calls;
-      bool sourceStays;
-      size_t setAside;
-      size_t logLines;
-    };
-    const Row rows[] = {{false, false, false, 0, "copy sync remove ", false, 0, 0},
-                        {true, false, false, ENOSPC, "copy ", true, 0, 0},
-                        {false, true, false, EIO, "copy sync ", true, 0, 0},
-                        {false, false, true, 0, "copy sync remove ", false, 1, 1}};
-    for (const Row& row : rows) {
-      RecordedProductLog log;
-      RecursiveRemove::replace(nullptr);
-      files.removeItemAtURL(destination, nullptr);
-      RecursiveRemove::replace(&watchingRemove);
+    for (const auto& row : rows) {
+      SCOPED_TRACE(row.failing);
+      std::filesystem::remove_all(root / "other/to");
       root.makeFile("from/a/b", "text");
       const TreeSnapshot before = snapshotTree(root / "from");
-      watching.calls.clear();
-      watching.failCopy = row.failCopy;
-      watching.failSync = row.failSync;
-      watchingRemove.fail = row.failRemove;
+      Calls calls{row.failing};
+      const WatchedCopy copy(calls);
+      const WatchedRemove remove(calls);
+      const RecordedProductLog log;
       Error error;
-      EXPECT_EQ(files.moveItemAtURL(from, destination, &error), row.code == 0);
+      EXPECT_EQ(files.moveItemAtURL(from, to, &error), row.code == 0);
       EXPECT_EQ(error.code(), row.code);
-      if (row.code != 0) {
-        EXPECT_EQ(error.localizedDescription(), "copyfile of " + from.absoluteString() + " to " +
-                                                    destination.absoluteString() +
-                                                    " failed: " + std::strerror(row.code));
-      } else {
-        EXPECT_EQ(difference(before, snapshotTree(root / "other/to")), "");
-      }
-      EXPECT_EQ(watching.calls, row.calls);
-      EXPECT_EQ(exists(root / "from"), row.sourceStays);
-      EXPECT_EQ(countSetAside(root.path()), row.setAside);
-      ASSERT_EQ(log.lines.size(), row.logLines);
-      if (row.logLines != 0) {
-        EXPECT_TRUE(log.lines[0].starts_with(
-            "3 -[PLFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]: Failed to "
-            "remove move source after copy at " +
-            (root / "from/") + " : POSIX 1: removefile of "))
-            << log.lines[0];
-      }
+      EXPECT_EQ(calls.made, row.calls);
+      EXPECT_EQ(difference(before, snapshotTree(root / (row.code == 0 ? "other/to" : "from"))), "");
+      EXPECT_EQ(exists(root / "from"), row.code != 0);
+      size_t setAside = 0;
+      for (const auto& item : std::filesystem::directory_iterator(root.path()))
+        setAside += isSetAsideName(item.path().filename().string());
+      EXPECT_EQ(setAside, row.setAside);
+      ASSERT_EQ(log.lines.size(), row.setAside);
+      const std::string_view told =
+          log.lines.empty() ? error.localizedDescription() : std::string_view(log.lines[0]);
+      EXPECT_TRUE(told.starts_with(row.told)) << told;
     }
-    TreeCopy::replace(nullptr);
-    RecursiveRemove::replace(nullptr);
   }));
 }
 
