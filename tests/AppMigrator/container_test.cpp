@@ -31,14 +31,13 @@ Dictionary status(const char* name) {
 TEST_F(Container, EndsAsTheDecisionTableSays) {
   const std::string named =
       "Installation of $A/C/Foo.app/ failed with Pallion error why (SomeError : more)";
-  struct Row {
+  const struct {
     const char* name;
     std::function<void()> make;
     bool result;
     bool remains;
     std::string errors;  // before the one that says that it failed
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"everything succeeds", [] {}, true, false, ""},
       {"placeholder refused", [&] { installer.refusePlaceholders = true; }, false, true,
        "Failed to install placeholder for org.foo: {LocalizedDescription = refused}"},
@@ -82,7 +81,7 @@ TEST_F(Container, EndsAsTheDecisionTableSays) {
        },
        true, false, ""},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     for (const char* path : {kApplications, "new", kInstallMap}) remove(root / path);
     installer.installed.clear();
@@ -149,7 +148,7 @@ TEST_F(Container, AFailedMoveLeavesTheRestAndLaterRunsFinish) {
   EXPECT_TRUE(exists(inApplications("C/Library/kept")));
   EXPECT_TRUE(exists(inApplications("C/tmp/scrap")));
   EXPECT_TRUE(
-      loggedBeginningWith("3 PLAppMigrator: Failed to move file://$A/C/Library/ to "
+      loggedBeginningWith("3 Failed to move file://$A/C/Library/ to "
                           "file://$R/new/data/org.foo/Library/ migrating for org.foo : POSIX 39"));
   EXPECT_TRUE(run());
   EXPECT_EQ(readAll(installer.dataContainer("org.foo") + "/Library/kept"), "k");

@@ -25,6 +25,7 @@ class Disturbed : public MigratorFixture {
     root.makeFile("groups/1/shared", "shared");
     root.makeFile("groups/file", "no directory");
     root.makeFile("elsewhere/canary", "c");
+    root.makeFile("new/group/g/sub/own", "own");
     mapGroupTo("groups/1");
     hostLog.lines.clear();
   }
@@ -68,74 +69,62 @@ class Exhausted {
 
 TEST_F(Disturbed, FailuresAreToldAndNothingIsLost) {
   const std::string c = std::string(kApplications) + "/C";
-  struct Row {
-    const char* name;
-    std::function<void()> make;
-    std::string refusedRemoval;
-    bool result;
-    std::optional<bool> remains;  // the container; either when none
-    std::string line;
-  };
   const auto mark = [&](std::string_view key, const std::string& path) {
     Dictionary marker = markerFor("C", "Foo.app", "org.foo");
     marker.set(key, Value::string(root / path));
     makeMarker("C", marker);
   };
-  const Row rows[] = {
-      {"staging is a link", [&] { root.makeLink(c + "/Staging", root / "elsewhere"); }, "", true,
-       false, "3 PLAppMigrator: Found symlink at $A/C/Staging/ ; removing"},
-      {"payload is a link", [&] { root.makeLink(c + "/Staging/Payload", root / "elsewhere"); }, "",
-       true, false, "3 PLAppMigrator: Found symlink at $A/C/Staging/Payload/ ; removing"},
-      {"bundle in the way", [&] { root.makeFile(c + "/Staging/Payload/Foo.app/x"); }, "", false,
-       false, "3 PLAppMigrator: Failed to move bundle from file://$A/C/Foo.app/ to "},
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    bool result;
+    std::optional<bool> remains;  // the container; either when none
+    std::string line;
+    std::string refusedRemoval = "";
+  } rows[] = {
+      {"staging is a link", [&] { root.makeLink(c + "/Staging", root / "elsewhere"); }, true, false,
+       "3 Found symlink at $A/C/Staging/ ; removing"},
+      {"payload is a link", [&] { root.makeLink(c + "/Staging/Payload", root / "elsewhere"); },
+       true, false, "3 Found symlink at $A/C/Staging/Payload/ ; removing"},
+      {"bundle in the way", [&] { makeItem("C/Staging/Payload/Foo.app/x"); }, false, false,
+       "3 Failed to move bundle from file://$A/C/Foo.app/ to "},
       {"plug-in in the way",
        [&] {
          makeBundle("C", "Bar.vpnplugin", "org.bar");
-         root.makeFile(c + "/Staging/Payload/Bar.vpnplugin/x");
+         makeItem("C/Staging/Payload/Bar.vpnplugin/x");
        },
-       "", false, false, "3 PLAppMigrator: Failed to move vpn bundle from "},
-      {"container stays", [] {}, "/Applications/C", false, true,
-       "3 PLAppMigrator: Failed to remove container $A/C/ : "},
-      {"old layout stays", [] {}, "/Applications", true, false,
-       "3 PLAppMigrator: Failed to remove $A/ : "},
-      {"install map stays", [] {}, ".pallion.plist", true, false,
-       "3 PLAppMigrator: Failed to remove $R/private/var/mobile/Library/Caches/"},
-      {"old group container stays", [] {}, "/groups/1", true, false,
-       "3 PLAppMigrator: Failed to remove old group container at $R/groups/1/ : "},
-      {"group is a file", [&] { mapGroupTo("groups/file"); }, "", true, false,
-       "3 PLAppMigrator: Failed to get all urls in source group container $R/groups/file/ : "},
-      {"group is its destination",
-       [&] {
-         root.makeFile("new/group/g/own", "own");
-         mapGroupTo("new/group/g");
-       },
-       "", true, false, "3 PLAppMigrator: Source group container at $R/new/group/g/ lies in "},
-      {"group lies in its destination",
-       [&] {
-         root.makeFile("new/group/g/sub/own", "own");
-         mapGroupTo("new/group/g/sub");
-       },
-       "", true, false, "3 PLAppMigrator: Source group container at $R/new/group/g/sub/ lies in "},
-      {"no groups", [&] { installer.groups.clear(); }, "", true, false,
-       "5 PLAppMigrator: No group containers to migrate for org.foo"},
+       false, false, "3 Failed to move vpn bundle from "},
+      {"container stays", [] {}, false, true,
+       "3 Failed to remove container $A/C/ : ", "/Applications/C"},
+      {"old layout stays", [] {}, true, false, "3 Failed to remove $A/ : ", "/Applications"},
+      {"install map stays", [] {}, true, false,
+       "3 Failed to remove $R/private/var/mobile/Library/Caches/", ".pallion.plist"},
+      {"old group container stays", [] {}, true, false,
+       "3 Failed to remove old group container at $R/groups/1/ : ", "/groups/1"},
+      {"group is a file", [&] { mapGroupTo("groups/file"); }, true, false,
+       "3 Failed to get all urls in source group container $R/groups/file/ : "},
+      {"group is its destination", [&] { mapGroupTo("new/group/g"); }, true, false,
+       "3 Source group container at $R/new/group/g/ lies in "},
+      {"group lies in its destination", [&] { mapGroupTo("new/group/g/sub"); }, true, false,
+       "3 Source group container at $R/new/group/g/sub/ lies in "},
+      {"no groups", [&] { installer.groups.clear(); }, true, false,
+       "5 No group containers to migrate for org.foo"},
       {"bundle without list",
        [&] {
          makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
          remove(inApplications("C/Foo.app/Info.plist"));
        },
-       "", false, true,
-       "3 PLAppMigrator: Failed to get bundle info dictionary for bundle $A/C/Foo.app/"},
-      {"marker of another container", [&] { mark(kContainerPathKey, "elsewhere"); }, "", false,
-       true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
-      {"marker with another bundle", [&] { mark(kBundlePathKey, "elsewhere/Foo.app"); }, "", false,
-       true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
+       false, true, "3 Failed to get bundle info dictionary for bundle $A/C/Foo.app/"},
+      {"marker of another container", [&] { mark(kContainerPathKey, "elsewhere"); }, false, true,
+       "3 Migration marker of $A/C/ speaks of another place"},
+      {"marker with another bundle", [&] { mark(kBundlePathKey, "elsewhere/Foo.app"); }, false,
+       true, "3 Migration marker of $A/C/ speaks of another place"},
       {"marker with another plug-in", [&] { mark(kSecondBundlePathKey, "elsewhere/V.vpnplugin"); },
-       "", false, true, "3 PLAppMigrator: Migration marker of $A/C/ speaks of another place"},
-      {"container of the same identifier", [&] { makeApplication("D", "org.foo"); }, "", false,
-       std::nullopt,
-       "3 PLAppMigrator: Another container of org.foo was migrated already; skipping "},
+       false, true, "3 Migration marker of $A/C/ speaks of another place"},
+      {"container of the same identifier", [&] { makeApplication("D", "org.foo"); }, false,
+       std::nullopt, "3 Another container of org.foo was migrated already; skipping "},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     layOut();
     row.make();
@@ -150,6 +139,7 @@ TEST_F(Disturbed, FailuresAreToldAndNothingIsLost) {
     if (row.refusedRemoval == "/Applications/C") {
       EXPECT_FALSE(exists(inApplications("C/" + std::string(kMigrationMarkerName))));
     }
+    EXPECT_EQ(readAll(root / "new/group/g/sub/own"), "own");
     expectNothingLost();
   }
 }
@@ -164,33 +154,28 @@ TEST_F(Disturbed, OldLayoutOfNothingButLinksIsRemovedAtOnceWhereThatCanBe) {
     EXPECT_EQ(exists(root / kApplications), name == "/Applications");
     EXPECT_EQ(exists(root / kInstallMap), name == ".pallion.plist");
     const std::string place = name == "/Applications" ? "$A" : "$R/" + std::string(kInstallMap);
-    EXPECT_NE(name.empty(), loggedBeginningWith("3 PLAppMigrator: Failed to remove " + place));
+    EXPECT_NE(name.empty(), loggedBeginningWith("3 Failed to remove " + place));
   }
 }
 
 TEST_F(Disturbed, WhatCannotBeReadJustNowIsNotAbsent) {
-  struct Row {
-    std::string file;
-    std::string line;
-  };
-  const Row rows[] = {
-      {kInstallMap, "3 PLAppMigrator: Group containers of org.foo are not known"},
+  const std::pair<std::string, std::string> rows[] = {
+      {kInstallMap, "3 Group containers of org.foo are not known"},
       {std::string(kApplications) + "/C/" + std::string(kMigrationMarkerName),
-       "3 PLAppMigrator: Failed to load migration marker file from "},
-  };
-  for (const Row& row : rows) {
+       "3 Failed to load migration marker file from "}};
+  for (const auto& [file, line] : rows) {
     layOut();
     // Nothing but the marker tells what the second one was.
-    if (row.file != kInstallMap) {
+    if (file != kInstallMap) {
       makeMarker("C", markerFor("C", "Foo.app", "org.foo"));
       remove(inApplications("C/Foo.app"));
     }
     {
-      const LeasedFile leased(root / row.file);
+      const LeasedFile leased(root / file);
       if (!leased.held()) GTEST_SKIP() << "no leases on this file system";
       EXPECT_FALSE(run());
     }
-    EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
+    EXPECT_TRUE(loggedBeginningWith(line)) << testing::PrintToString(lines(false));
     EXPECT_TRUE(exists(inApplications("C")));
     EXPECT_TRUE(exists(root / "groups/1/shared"));
     EXPECT_TRUE(exists(root / kInstallMap));
@@ -208,10 +193,9 @@ TEST_F(Disturbed, WithoutRoom) {
       const Exhausted exhausted(RLIMIT_FSIZE);
       EXPECT_EQ(run(), known);
     }
-    EXPECT_TRUE(loggedBeginningWith(
-        "3 PLAppMigrator: Failed to write out container marker dictionary... "));
-    EXPECT_NE(known, loggedBeginningWith("3 PLAppMigrator: Failed to write image data to "));
-    EXPECT_NE(known, loggedBeginningWith("3 PLAppMigrator: Failed to write placeholder Info"));
+    EXPECT_TRUE(loggedBeginningWith("3 Failed to write out container marker dictionary... "));
+    EXPECT_NE(known, loggedBeginningWith("3 Failed to write image data to "));
+    EXPECT_NE(known, loggedBeginningWith("3 Failed to write placeholder Info"));
     EXPECT_EQ(exists(inApplications("C")), !known);
     expectNothingLost();
   }
@@ -226,8 +210,8 @@ TEST_F(Disturbed, WithoutDescriptors) {
     const Exhausted exhausted(RLIMIT_NOFILE);
     migrator.performMigration();
   }
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to get URLs in container $A/C/ : "));
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to determine if any items were "));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to get URLs in container $A/C/ : "));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to determine if any items were "));
   EXPECT_EQ(readAll(inApplications("C/Documents/letter")), "org.foo");
 
   class Exhausting : public FakeInstaller {
@@ -246,8 +230,8 @@ TEST_F(Disturbed, WithoutDescriptors) {
   exhausting.groups = {{"org.foo", {"g"}}};
   EXPECT_FALSE(run());
   exhausting.exhausted.reset();
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to get all urls in source group "));
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to enumerate container $A/C/ for "));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to get all urls in source group "));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to enumerate container $A/C/ for "));
   EXPECT_TRUE(exists(inApplications("C")));
   expectNothingLost();
 }
@@ -257,44 +241,41 @@ TEST_F(Disturbed, AcrossVolumesSourcesGoOnlyAfterTheSync) {
   if (!canMount()) GTEST_SKIP() << "mounting is not permitted here";
   class FailingSync : public TreeCopy {
    public:
-    FailingSync() { replace(this); }
+    explicit FailingSync(std::string_view failing) : failing_(failing) { replace(this); }
     ~FailingSync() override { replace(nullptr); }
     int copy(const char* source, const char* destination) override {
       return system().copy(source, destination);
     }
     int syncVolume(const char* path) override { return system().syncVolume(path); }
     int syncCopies(const char* path) override {
-      if (std::string_view(path).find(failing) != std::string_view::npos) return errno = EIO, -1;
+      if (std::string_view(path).find(failing_) != std::string_view::npos) return errno = EIO, -1;
       return system().syncCopies(path);
     }
-    std::string_view failing;
+
+   private:
+    std::string_view failing_;
   };
-  struct Row {
+  const struct {
     std::string_view failing;
     bool result;
-    bool remains;
     bool groupRemains;
     const char* line;
+  } rows[] = {
+      {"/data/", false, true, "3 Failed to move file://$A/C/ to "},
+      {"/group/", true, true, "3 Failed to move item $R/groups/1/ to "},
+      {"nothing", true, false, "5 Removing container for org.foo at "},
   };
-  const Row rows[] = {
-      {"/data/", false, true, true, "3 PLAppMigrator: Failed to move file://$A/C/ to "},
-      {"/group/", true, false, true, "3 PLAppMigrator: Failed to move item $R/groups/1/ to "},
-      {"nothing", true, false, false, "5 PLAppMigrator: Removing container for org.foo at "},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.failing);
     layOut();
-    root.makeDirectory("new/data");
-    root.makeDirectory("new/group");
     EXPECT_TRUE(runInMountNamespace([&] {
-      const Mount data = Mount::tmpfs(root / "new/data", "size=1m");
-      const Mount group = Mount::tmpfs(root / "new/group", "size=1m");
+      const Mount data = Mount::tmpfs(root.makeDirectory("new/data"), "size=1m");
+      const Mount group = Mount::tmpfs(root.makeDirectory("new/group"), "size=1m");
       ASSERT_TRUE(data.mounted() && group.mounted());
-      FailingSync failing;
-      failing.failing = row.failing;
+      const FailingSync failing(row.failing);
       EXPECT_EQ(run(), row.result);
       EXPECT_TRUE(loggedBeginningWith(row.line)) << testing::PrintToString(lines(false));
-      EXPECT_EQ(exists(inApplications("C/Documents/letter")), row.remains);
+      EXPECT_EQ(exists(inApplications("C/Documents/letter")), !row.result);
       EXPECT_EQ(exists(root / "groups/1/shared"), row.groupRemains);
       expectNothingLost();
     }));

@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "platform/bundle.h"
@@ -8,12 +6,8 @@
 
 namespace pallion::test {
 
-namespace {
-
-class Groups : public MigratorFixture {};
-class Placeholder : public MigratorFixture {};
-
-}  // namespace
+using Groups = MigratorFixture;
+using Placeholder = MigratorFixture;
 
 TEST_F(Groups, AreMovedOnceAndSkippedWithTheirReasons) {
   makeApplication("C", "org.foo");
@@ -35,14 +29,13 @@ TEST_F(Groups, AreMovedOnceAndSkippedWithTheirReasons) {
   EXPECT_TRUE(exists(root / "new/group/g.file/link"));
   EXPECT_FALSE(exists(root / "groups/1"));
   EXPECT_EQ(std::ranges::count(lines(false),
-                               "5 PLAppMigrator: Migrating group container g.file at "
-                               "file://$R/groups/1/ to file://$R/new/group/g.file/"),
+                               "5 Migrating group container g.file at file://$R/groups/1/ to "
+                               "file://$R/new/group/g.file/"),
             1);
-  for (const char* line :
-       {"3 PLAppMigrator: Missing source group container at $R/groups/none/",
-        "5 PLAppMigrator: Failed to get path to group container for org.foo[g.number]",
-        "5 PLAppMigrator: No group container entry to migrate for org.foo[g.string]",
-        "5 PLAppMigrator: No group container entry to migrate for org.foo[g.unknown]"}) {
+  for (const char* line : {"3 Missing source group container at $R/groups/none/",
+                           "5 Failed to get path to group container for org.foo[g.number]",
+                           "5 No group container entry to migrate for org.foo[g.string]",
+                           "5 No group container entry to migrate for org.foo[g.unknown]"}) {
     EXPECT_TRUE(logged(line)) << line;
   }
 }
@@ -60,8 +53,7 @@ TEST_F(Groups, WithAnItemThatDoesNotMoveStay) {
   EXPECT_EQ(readAll(root / "new/group/g/data"), "moved");
   EXPECT_EQ(readAll(root / "groups/1/stuck/inner"), "kept");
   // Its entry stays for the next application that shares it.
-  const std::string failure =
-      "3 PLAppMigrator: Failed to move item $R/groups/1/stuck/ to $R/new/group/g/stuck : ";
+  const std::string failure = "3 Failed to move item $R/groups/1/stuck/ to $R/new/group/g/stuck : ";
   EXPECT_EQ(std::ranges::count_if(
                 lines(), [&](const std::string& line) { return line.starts_with(failure); }),
             2);
@@ -74,7 +66,7 @@ TEST_F(Placeholder, HoldsIdentityIconAndMetadata) {
              {kQXBundleIdentifier, Value::string("org.foo")},
              {kQXBundleShortVersionString, Value::integer(7)},
              {"Other", Value::string("not copied")}});
-  root.makeFile(std::string(kApplications) + "/C/BriscaMetadata.plist", "any bytes");
+  makeItem("C/BriscaMetadata.plist", "any bytes");
   const Painter painter;
   EXPECT_TRUE(run());
   ASSERT_EQ(installer.installations.size(), 2U);
@@ -109,21 +101,19 @@ TEST_F(Placeholder, DoesWithoutIconAndMetadata) {
   EXPECT_EQ(placeholder.entries, (std::vector<std::string>{"Info.plist"}));
   EXPECT_FALSE(placeholder.info.get(kQXBundleIconFile));
   EXPECT_FALSE(placeholder.options.get(kAppBriscaMetadataKey));
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to read $A/C/BriscaMetadata.plist : "));
-  EXPECT_TRUE(logged("3 PLAppMigrator: Failed to create icon from bundle QXBundle $A/C/Foo.app/"));
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Writing placeholder icon for app org.foo to "));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to read $A/C/BriscaMetadata.plist : "));
+  EXPECT_TRUE(logged("3 Failed to create icon from bundle QXBundle $A/C/Foo.app/"));
+  EXPECT_TRUE(loggedBeginningWith("3 Writing placeholder icon for app org.foo to "));
 }
 
 TEST_F(Placeholder, NeverLeavesItsDirectory) {
   for (const char* identifier : {"", "..", "../../x"}) {
     makeBundle("C", "Foo.app", "x");
-    Dictionary marker = markerFor("C", "Foo.app", identifier);
-    makeMarker("C", marker);
+    makeMarker("C", markerFor("C", "Foo.app", identifier));
     hostLog.lines.clear();
     EXPECT_FALSE(run());
     EXPECT_TRUE(installer.installations.empty());
-    EXPECT_TRUE(lines()[0].starts_with(
-        "3 PLAppMigrator: Failed to create staged placeholder directory at "))
+    EXPECT_TRUE(lines()[0].starts_with("3 Failed to create staged placeholder directory at "))
         << lines()[0];
     EXPECT_TRUE(exists(inApplications("C/Foo.app/main")));
   }

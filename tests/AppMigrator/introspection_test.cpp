@@ -6,11 +6,7 @@
 
 namespace pallion::test {
 
-namespace {
-
-class Introspection : public MigratorFixture {};
-
-}  // namespace
+using Introspection = MigratorFixture;
 
 // Each case makes one container "C" and says which lines speak of it and whether it is still there
 // afterwards. None gets as far as an installation.
@@ -21,16 +17,15 @@ TEST_F(Introspection, DecidesWhatAnItemIs) {
   const std::string unnamed = "Could not get identifier for bundle at $A/C/Foo.app";
   const std::string empty = "No app or vpn bundle found in container $A/C/ ; removing it";
   const std::string damaged = "Failed to load migration marker file from file://$A/C/" + marker;
-  struct Row {
+  const auto link = [&](const std::string& name) {
+    root.makeLink(container + "/" + name, "/nowhere");
+  };
+  const struct {
     const char* name;
     std::function<void()> make;
     bool remains;
     std::string errors;
-  };
-  const auto link = [&](const std::string& name) {
-    root.makeLink(container + "/" + name, "/nowhere");
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"plain file", [&] { root.makeFile(container, "x"); }, false, regular},
       {"FIFO", [&] { mkfifo((root / container).c_str(), 0600); }, false, regular},
       {"only user data", [&] { makeItem("C/Documents/x"); }, false, empty},
@@ -57,7 +52,7 @@ TEST_F(Introspection, DecidesWhatAnItemIs) {
        },
        true, damaged + "\n" + damaged},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     root.makeDirectory(kApplications);
     row.make();
@@ -100,7 +95,7 @@ TEST_F(Introspection, RejectsMarkersInTheOrderOfTheirKeys) {
     hostLog.lines.clear();
     EXPECT_FALSE(run());
     ASSERT_EQ(lines().size(), 4U) << message;
-    EXPECT_EQ(lines()[0], "3 PLAppMigrator: " + message);
+    EXPECT_EQ(lines()[0], "3 " + message);
     EXPECT_TRUE(exists(inApplications("C/Foo.app")));
   }
 }
@@ -114,8 +109,7 @@ TEST_F(Introspection, ResumesFromAMarkerWhateverTheBundleIs) {
   EXPECT_FALSE(run());  // Other.app is a missed item
   ASSERT_EQ(installer.installations.size(), 1U);
   EXPECT_EQ(*installer.installations[0].options.getString(kQXBundleIdentifier), "org.foo");
-  EXPECT_TRUE(logged(
-      "5 PLAppMigrator: Found migration marker $A/C/com.orlix.pallion.container_migrator.plist"));
+  EXPECT_TRUE(logged("5 Found migration marker $A/C/com.orlix.pallion.container_migrator.plist"));
   EXPECT_TRUE(exists(inApplications("C/Other.app")));
 }
 
@@ -146,9 +140,8 @@ TEST_F(Introspection, TakesAReadErrorForNoAbsence) {
   QXBundle::replace(nullptr);
   EXPECT_TRUE(exists(inApplications("A1/Documents/letter")));
   EXPECT_TRUE(exists(inApplications("V1/Bar.vpnplugin/Info.plist")));
-  EXPECT_TRUE(logged("3 PLAppMigrator: Could not get identifier for bundle at $A/A1/Foo.app/"));
-  EXPECT_TRUE(
-      logged("3 PLAppMigrator: Could not get identifier for bundle at $A/V1/Bar.vpnplugin/"));
+  EXPECT_TRUE(logged("3 Could not get identifier for bundle at $A/A1/Foo.app/"));
+  EXPECT_TRUE(logged("3 Could not get identifier for bundle at $A/V1/Bar.vpnplugin/"));
 }
 
 }  // namespace pallion::test

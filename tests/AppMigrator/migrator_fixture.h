@@ -20,8 +20,7 @@ namespace pallion::test {
 
 // The last line of every run that failed.
 inline constexpr const char* kRunFailedLine =
-    "3 PLAppMigrator: Returning migration failed. Please include the contents of "
-    "/var/mobile/Library/Logs/Pallion "
+    "3 Returning migration failed. Please include the contents of /var/mobile/Library/Logs/Pallion "
     "and /var/Mobile/Library/Logs/Shiftwell in a bug report.";
 
 // A device with an old layout, and an installer that answers as it is told.
@@ -98,12 +97,16 @@ class MigratorFixture : public testing::Test {
     return migrator.init() && migrator.performMigration();
   }
 
-  // Lines of the host's log with "$A" for the old containers directory and "$R" for the root,
-  // "Introspecting" and the like (level 5) left out when `errorsOnly`.
+  // Lines of the host's log, "<level> <message>", without the name that all messages begin with and
+  // with "$A" for the old containers directory and "$R" for the root; "Introspecting" and the like
+  // (level 5) left out when `errorsOnly`.
   [[nodiscard]] std::vector<std::string> lines(bool errorsOnly = true) const {
     std::vector<std::string> out;
     for (std::string line : hostLog.lines) {
       if (errorsOnly && line.starts_with("5")) continue;
+      constexpr std::string_view kName = "PLAppMigrator: ";
+      EXPECT_EQ(line.find(kName), 2U) << line;
+      line.erase(2, kName.size());
       for (const auto& [path, name] :
            {std::pair{inApplications(""), "$A/"}, std::pair{root.path(), "$R"}}) {
         for (size_t at = line.find(path); at != std::string::npos; at = line.find(path, at))
@@ -115,15 +118,13 @@ class MigratorFixture : public testing::Test {
   }
   // What was said of single items: the messages of the errors, a line each; but for icons.
   [[nodiscard]] std::string itemErrors() const {
-    constexpr std::string_view kBeginning = "3 PLAppMigrator: ";
     std::string all;
     for (const std::string& line : lines()) {
       if (line == kRunFailedLine || line.find(" icon ") != std::string::npos ||
           line.find("Not removing ") != std::string::npos) {
         continue;
       }
-      all += (all.empty() ? "" : "\n") +
-             line.substr(line.starts_with(kBeginning) ? kBeginning.size() : 0);
+      all += (all.empty() ? "" : "\n") + line.substr(2);
     }
     return all;
   }

@@ -73,8 +73,8 @@ TEST_F(PlanTest, CountsWhatTheRegistryWillHaveCompleted) {
   marker.set(kContainerTypeKey, Value::string("VPNBundle"));
   makeMarker("2", marker);
   const std::string payload = root.makeDirectory(
-      "private/var/palliond/Containers/Incoming/"
-      "bundle.0123ABCD-0000-4000-8000-0123456789AB/Payload");
+      "private/var/palliond/Containers/Incoming/bundle.0123ABCD-0000-4000-8000-0123456789AB/"
+      "Payload");
   makeBundle("3", "Tunnel.vpnplugin", "com.example.two");
   ASSERT_EQ(
       rename(inApplications("3/Tunnel.vpnplugin").c_str(), (payload + "/Tunnel.vpnplugin").c_str()),

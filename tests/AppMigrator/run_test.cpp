@@ -3,11 +3,7 @@
 
 namespace pallion::test {
 
-namespace {
-
 class Run : public MigratorFixture {};
-
-}  // namespace
 
 TEST_F(Run, WithoutAnOldLayoutOnlyHarborsAndProtectionAreLookedAt) {
   PLAppMigrator migrator(configuration);
@@ -26,7 +22,7 @@ TEST_F(Run, YieldsNoMigratorWhenTheInventoryCannotBeTaken) {
   root.makeFile(kApplications, "a file");
   PLAppMigrator migrator(configuration);
   EXPECT_FALSE(migrator.init());
-  EXPECT_TRUE(loggedBeginningWith("3 PLAppMigrator: Failed to get items at file://$A/ : POSIX 20"));
+  EXPECT_TRUE(loggedBeginningWith("3 Failed to get items at file://$A/ : POSIX 20"));
 }
 
 TEST_F(Run, CountsEveryItemOnce) {
@@ -55,8 +51,8 @@ TEST_F(Run, MigratesInItsOrder) {
   makeMarker("5", vpnMarker);
   run();
   // The directory's own order is the kernel's; the lines tell it.
-  constexpr std::string_view kIntrospecting = "5 PLAppMigrator: Introspecting $A/";
-  constexpr std::string_view kMigrating = "5 PLAppMigrator: Migrating ";
+  constexpr std::string_view kIntrospecting = "5 Introspecting $A/";
+  constexpr std::string_view kMigrating = "5 Migrating ";
   std::vector<std::string> expected;
   std::vector<std::string> migrated;
   for (const std::string& line : lines(false)) {
@@ -76,9 +72,8 @@ TEST_F(Run, MigratesInItsOrder) {
 TEST_F(Run, FailsWhenDataProtectionFails) {
   installer.failDataProtection = true;
   EXPECT_FALSE(run());
-  EXPECT_EQ(lines(),
-            (std::vector<std::string>{"3 PLAppMigrator: Failed to update container data protection",
-                                      kRunFailedLine}));
+  EXPECT_EQ(lines(), (std::vector<std::string>{"3 Failed to update container data protection",
+                                               kRunFailedLine}));
 }
 
 TEST_F(Run, ReadsWhatItCanOfTheInstallMap) {
@@ -96,7 +91,7 @@ TEST_F(Run, ReadsWhatItCanOfTheInstallMap) {
     make();
     hostLog.lines.clear();
     EXPECT_TRUE(run());
-    EXPECT_TRUE(logged("5 PLAppMigrator: " + line)) << line;
+    EXPECT_TRUE(logged("5 " + line)) << line;
   }
 }
 
@@ -111,10 +106,9 @@ TEST_F(Run, RegistersSafeHarbors) {
                     {"org.number", Value::dictionary({{"HarborPathKey", Value::integer(3)}})}};
   map.set(Value::integer(9), entry("/harbor/9"));
   const std::vector<std::string> malformed = {
-      "3 PLAppMigrator: Failed to get harbor info for identifier org.list",
-      "3 PLAppMigrator: Failed to get harbor path from harbor entry for org.number : "
-      "{HarborPathKey = 3}",
-      "3 PLAppMigrator: Identifier in harbor map was not string; skipping"};
+      "3 Failed to get harbor info for identifier org.list",
+      "3 Failed to get harbor path from harbor entry for org.number : {HarborPathKey = 3}",
+      "3 Identifier in harbor map was not string; skipping"};
 
   writeList(kHarborMap, map);
   installer.refusedHarbors = {"org.a"};
@@ -123,9 +117,8 @@ TEST_F(Run, RegistersSafeHarbors) {
             (std::vector<std::string>{"/harbor/a org.a 2", "/harbor/b org.b 2"}));
   EXPECT_TRUE(exists(root / kHarborMap));
   std::vector<std::string> expected = malformed;
-  expected.insert(
-      expected.begin(),
-      "3 PLAppMigrator: Failed to migrate safe harbor for identifier org.a at /harbor/a : (null)");
+  expected.insert(expected.begin(),
+                  "3 Failed to migrate safe harbor for identifier org.a at /harbor/a : (null)");
   expected.emplace_back(kRunFailedLine);
   EXPECT_EQ(lines(), expected);
 
@@ -138,8 +131,7 @@ TEST_F(Run, RegistersSafeHarbors) {
   hostLog.lines.clear();
   root.makeFile(kHarborMap, "no list");
   EXPECT_TRUE(run());
-  EXPECT_TRUE(logged("3 PLAppMigrator: Failed to load existing harbor map from $R/" +
-                     std::string(kHarborMap)));
+  EXPECT_TRUE(logged("3 Failed to load existing harbor map from $R/" + std::string(kHarborMap)));
   EXPECT_TRUE(exists(root / kHarborMap));
 }
 
