@@ -60,16 +60,14 @@ class Ownership : public testing::Test {
 }  // namespace
 
 TEST_F(Ownership, IsGivenWithTheStandardModes) {
-  struct Row {
+  const struct {
     std::string name;  // a directory's ends in "/"
     mode_t before;
     mode_t after;
-  };
-  const Row rows[] = {{"t/", 0700, 0755},         {"t/set-group/", 02755, 0755},
-                      {"t/sticky/", 01777, 0755}, {"t/closed/", 0, 0755},
-                      {"t/program", 0755, 0644},  {"t/set-user", 04755, 0644},
-                      {"t/sticky/f", 0, 0644},    {"t/closed/right", 0644, 0644}};
-  for (const Row& row : rows) {
+  } rows[] = {{"t/", 0700, 0755},      {"t/set-group/", 02755, 0755}, {"t/sticky/", 01777, 0755},
+              {"t/closed/", 0, 0755},  {"t/program", 0755, 0644},     {"t/set-user", 04755, 0644},
+              {"t/sticky/f", 0, 0644}, {"t/closed/right", 0644, 0644}};
+  for (const auto& row : rows) {
     row.name.ends_with('/') ? root_.makeDirectory(row.name) : root_.makeFile(row.name);
     ASSERT_EQ(chmod((root_ / row.name).c_str(), row.before), 0);
   }
@@ -82,7 +80,7 @@ TEST_F(Ownership, IsGivenWithTheStandardModes) {
   const std::string link = root_.makeLink("t/link", outside);
 
   EXPECT_TRUE(standardize(root_ / "t", false));
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     EXPECT_EQ(modeOf(root_ / row.name), row.after) << row.name;
     EXPECT_TRUE(hasNewOwner(root_ / row.name)) << row.name;
   }

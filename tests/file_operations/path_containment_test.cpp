@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
@@ -169,14 +168,13 @@ TEST(SymbolicLinks, AreMadeAndRead) {
   for (const auto& [path, destination] : rows) {
     EXPECT_EQ(files.destinationOfSymbolicLinkAtURL(URL::fileURL(path), nullptr), destination);
   }
-  const std::pair<std::string, int> failures[] = {{root.makeLink("longer", longer), ENAMETOOLONG},
-                                                  {root.makeFile("file"), EINVAL},
-                                                  {root / "none", ENOENT}};
-  for (const auto& [path, number] : failures) {
+  const std::pair<std::string, std::string> failures[] = {
+      {root.makeLink("longer", longer), "POSIX 36: Could not readlink @ : File name too long"},
+      {root.makeFile("file"), "POSIX 22: Could not readlink @ : Invalid argument"},
+      {root / "none", "POSIX 2: Could not readlink @ : No such file or directory"}};
+  for (auto [path, text] : failures) {
     EXPECT_FALSE(files.destinationOfSymbolicLinkAtURL(URL::fileURL(path), &error));
-    EXPECT_TRUE(error.isPOSIX(number)) << description(error);
-    EXPECT_EQ(error.localizedDescription(),
-              "Could not readlink " + path + " : " + std::strerror(number));
+    EXPECT_EQ(description(error), text.replace(text.find('@'), 1, path));
   }
 }
 
