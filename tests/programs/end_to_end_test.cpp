@@ -11,10 +11,6 @@ namespace pallion::test {
 
 namespace {
 
-size_t entriesOf(const std::string& directory) {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
-}
-
 #define SKIP_UNLESS_ROOT() \
   if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root"
 
@@ -28,7 +24,13 @@ TEST(EndToEnd, CarriesEveryByteIntoTheNewLayout) {
   TemporaryRoot device;
   makeOldLayout(device.path(), "--apps 40 --groups 12 --harbors 5 --vpn 4 --placeholders 5");
   const DeviceState before(device.path());
-  EXPECT_GE(before.applications(), 40U);
+  std::map<std::string, int> kinds;
+  for (const Json& line : jsonLines(host(device.path(), {"plan", "--json"})))
+    ++kinds[line.value("kind", "")];
+  EXPECT_GE(before.applications(), 44U);
+  EXPECT_EQ(kinds["container"], 44);
+  EXPECT_EQ(kinds["group"], 12);
+  EXPECT_EQ(kinds["harbor"], 5);
   const ProcessOutcome outcome = host(device.path());
   EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
   EXPECT_EQ(before.differenceAfterMigration(device.path()), "");
@@ -77,7 +79,8 @@ TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
             std::string::npos);
   // What can not be judged, has no usable identifier or holds a missed item is left alone; and so
   // is a link.
-  EXPECT_EQ(entriesOf(device / "private/var/mobile/Applications"), 8U);
+  const std::filesystem::directory_iterator left(device / "private/var/mobile/Applications");
+  EXPECT_EQ(std::distance(left, {}), 8);
 }
 
 // Across volumes nothing is taken from a source before a sync of the volume that it was copied to,
@@ -132,12 +135,16 @@ TEST(EndToEnd, SurvivesAFullDisk) {
     const DeviceState before(device.path());
     const Mount newVolume = Mount::tmpfs(newLayout, "size=1500k");
     ASSERT_TRUE(newVolume.mounted());
+    EXPECT_EQ(host(device.path(), {"plan"}).status, 1) << "foreseen";
     const ProcessOutcome full = host(device.path());
     EXPECT_EQ(full.status, 1) << full.out << full.err;
     EXPECT_NE(full.out.find("No space left on device"), std::string::npos) << full.out;
     ChildProcess::Setup remount;
     remount.arguments = {"/bin/mount", "-o", "remount,size=64m", newLayout};
     ASSERT_EQ(runProcess(remount).status, 0);
+    const ProcessOutcome plan = host(device.path(), {"plan", "--json"});
+    EXPECT_EQ(plan.status, 0) << plan.out;
+    EXPECT_NE(plan.out.find("\"action\":\"copy\""), std::string::npos) << plan.out;
     const ProcessOutcome again = host(device.path());
     EXPECT_EQ(again.status, 0) << again.out << again.err;
     EXPECT_EQ(before.differenceAfterMigration(device.path()), "");

@@ -25,22 +25,6 @@ TEST(MakeOldLayout, TheSeedDecidesEverything) {
   EXPECT_NE(difference(trees[0], trees[2]), "");
 }
 
-TEST(MakeOldLayout, HoldsWhatWasAskedFor) {
-  const TemporaryRoot root;
-  const ProcessOutcome outcome =
-      make(root.path(), "--apps 12 --files 3 --vpn 3 --groups 4 --harbors 2 --placeholders 3");
-  EXPECT_TRUE(
-      outcome.out.starts_with("12 applications (3 of them placeholders), 3 VPN plug-ins "
-                              "alone, 4 groups, 2 safe harbors, 0 awkward cases: "))
-      << outcome.out << outcome.err;
-  std::map<std::string, int> kinds;
-  for (const Json& line : jsonLines(host(root.path(), {"plan", "--json"})))
-    ++kinds[line.value("kind", "")];
-  EXPECT_EQ(kinds["container"], 15);
-  EXPECT_EQ(kinds["group"], 4);
-  EXPECT_EQ(kinds["harbor"], 2);
-}
-
 TEST(MakeOldLayout, WrongUsageAndFailuresChangeNothingAndNameTheCause) {
   const TemporaryRoot parent;
   parent.makeFile("taken/private/var/mobile/Applications/kept.txt", "old");
