@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "configuration/global_configuration.h"
-#include "file_operations/file_manager.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/temporary_root.h"
 
@@ -80,19 +79,6 @@ TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
       "get QXBundleIdentifier from bundle file://" + (root_ / "Applications/");
   EXPECT_EQ(skipped, (Identifiers{list + "Missing.app/", list + "Damaged.app/", list + "File.app",
                                   identifier + "Number.app/", identifier + "Nothing.app/"}));
-}
-
-TEST_F(BuiltInBundles, WithOneIdentifierCountAsTheOneListedLast) {
-  for (const char* name : {"1", "2", "3", "4", "5", "6"}) {
-    makeBundle("Applications/" + std::string(name) + ".app", "same");
-  }
-  const auto listed = PLFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
-      configuration_.systemAppsDirectory(), true, nullptr);
-  ASSERT_TRUE(listed && listed->size() == 6);
-  const std::optional<Dictionary> map = configuration_.systemAppBundleIDToInfoMap();
-  ASSERT_TRUE(map && map->size() == 1);
-  EXPECT_EQ(*map->get("same").asDictionary()->getString(PLGlobalConfiguration::kBundleURLKey),
-            listed->back().path());
 }
 
 TEST_F(BuiltInBundles, AreScannedUntilThereIsAListAndThenOnlyOnDemand) {

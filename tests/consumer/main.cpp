@@ -63,17 +63,18 @@ void checkErrors() {
   const Error plain = _CreateError("f", 7, PLInstallerErrorDomain, 4, "bad %s", "luck");
   CHECK(plain.domain() == "PLInstallerErrorDomain" && plain.code() == 4);
   CHECK(plain.localizedDescription() == "bad luck");
-  CHECK(plain.details().find(PLFunctionNameErrorKey));
-  CHECK(plain.details().find(PLSourceFileLineErrorKey));
   CHECK(log.lines.empty());
 
   ErrorDetails extra;
+  extra.set(PLFunctionNameErrorKey, Value::string("the caller's"));
   extra.set(PLPathArgumentErrorKey, URL::fileURL("/a"));
   extra.set(PLLibPLSErrorNumberKey, Value::integer(3));
   const Error logged =
       _CreateAndLogError("g", 8, PLInstallerErrorDomain, 24, plain, &extra, "worse %d", 2);
   CHECK(log.lines == "g|8: worse 2 (PLInstallerErrorDomain 4: bad luck)\n");
   CHECK(logged.underlyingError().code() == 4);
+  CHECK(std::get<Value>(*logged.details().find(PLFunctionNameErrorKey)) == Value::string("g"));
+  CHECK(std::get<Value>(*logged.details().find(PLSourceFileLineErrorKey)) == Value::integer(8));
   CHECK(std::get<URL>(*logged.details().find("PathArgument")) == URL::fileURL("/a"));
   CHECK(std::get<Value>(*logged.details().find("LibPLSErrorNumber")) == Value::integer(3));
   gLogHandle = nullptr;

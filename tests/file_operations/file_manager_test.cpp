@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "file_operations/error_makers.h"
 #include "platform/protection_class.h"
 #include "platform/recursive_remove.h"
 #include "tests/helpers/recorded_logs.h"
@@ -19,11 +18,6 @@ namespace {
 
 const PLFileManager& files = PLFileManager::defaultManager();
 
-std::string stringDetail(const Error& error, std::string_view name) {
-  const ErrorDetails::Detail* detail = error.details().find(name);
-  return detail ? std::visit([](const auto& held) { return description(held); }, *detail) : "none";
-}
-
 // Domain, code and description; empty for none.
 std::string textOf(const Error& error) { return error ? description(error) : ""; }
 
@@ -33,20 +27,6 @@ mode_t modeOf(const std::string& path) {
 }
 
 }  // namespace
-
-TEST(ErrorMakers, StoreDescriptionFunctionAndLine) {
-  RecordedProductLog log;
-  ErrorDetails extra;
-  extra.set(PLFunctionNameErrorKey, Value::string("the caller's"));
-  extra.set(PLPathArgumentErrorKey, URL::fileURL("/p"));
-  const Error logged = _CreateAndLogError("g", 13, PLInstallerErrorDomain, 4,
-                                          Error(kPOSIXErrorDomain, 5), &extra, "it %s", "failed");
-  EXPECT_EQ(log.lines, std::vector<std::string>{"3 g: 13: it failed (POSIX 5)"});
-  EXPECT_EQ(stringDetail(logged, PLFunctionNameErrorKey), "g");
-  EXPECT_EQ(stringDetail(logged, PLSourceFileLineErrorKey), "13");
-  EXPECT_EQ(stringDetail(logged, PLPathArgumentErrorKey), "file:///p");
-  EXPECT_EQ(description(logged), "PLInstallerErrorDomain 4: it failed (POSIX 5)");
-}
 
 TEST(FileManager, ExistenceIsOfTheItemItself) {
   TemporaryRoot root;
