@@ -113,25 +113,6 @@ TEST_F(Introspection, ResumesFromAMarkerWhateverTheBundleIs) {
   EXPECT_TRUE(exists(inApplications("C/Other.app")));
 }
 
-TEST_F(Introspection, PairsApplicationAndPlugin) {
-  makeApplication("C", "org.foo");
-  makeBundle("C", "Bar.vpnplugin", "org.foo.vpn");
-  makeBundle("V", "Alone.vpnplugin", "org.alone.vpn");
-  EXPECT_TRUE(run());
-  std::map<std::string, std::vector<std::string>> staged;
-  for (const FakeInstaller::Installation& installation : installer.installations) {
-    if (*installation.options.getString(kAppPackageTypeKey) == kAppPackageTypeCustomer) {
-      staged[*installation.options.getString(kQXBundleIdentifier)] = installation.entries;
-    }
-  }
-  EXPECT_EQ(staged["org.foo"].size(), 7U);
-  EXPECT_EQ(staged["org.alone.vpn"], (std::vector<std::string>{"Payload", "Payload/Alone.vpnplugin",
-                                                               "Payload/Alone.vpnplugin/Info.plist",
-                                                               "Payload/Alone.vpnplugin/main"}));
-  // A plugin alone needs no placeholder.
-  EXPECT_EQ(installer.installations.size(), 3U);
-}
-
 TEST_F(Introspection, TakesAReadErrorForNoAbsence) {
   makeApplication("A1", "org.foo");
   makeBundle("V1", "Bar.vpnplugin", "org.bar");

@@ -67,6 +67,11 @@ TEST_F(Run, MigratesInItsOrder) {
   }
   EXPECT_EQ(expected.size(), 5U);
   EXPECT_EQ(migrated, expected);
+  // A plug-in alone needs no placeholder.
+  for (const FakeInstaller::Installation& installation : installer.installations) {
+    EXPECT_TRUE(*installation.options.getString(kAppPackageTypeKey) == kAppPackageTypeCustomer ||
+                installation.options.getString(kQXBundleIdentifier)->starts_with("app."));
+  }
 }
 
 TEST_F(Run, FailsWhenDataProtectionFails) {
