@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "configuration/global_configuration.h"
+#include "file_operations/file_manager.h"
 #include "tests/helpers/recorded_logs.h"
 #include "tests/helpers/temporary_root.h"
 
@@ -79,6 +80,17 @@ TEST_F(BuiltInBundles, AreOnlyReadableRealApplications) {
       "get QXBundleIdentifier from bundle file://" + (root_ / "Applications/");
   EXPECT_EQ(skipped, (Identifiers{list + "Missing.app/", list + "Damaged.app/", list + "File.app",
                                   identifier + "Number.app/", identifier + "Nothing.app/"}));
+}
+
+TEST_F(BuiltInBundles, WithOneIdentifierCountAsTheOneListedLast) {
+  for (const std::string name : {"1", "2", "3", "4", "5", "6"})
+    makeBundle("Applications/" + name + ".app", "same");
+  const auto listed = PLFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+      configuration_.systemAppsDirectory(), true, nullptr);
+  const std::optional<Dictionary> map = configuration_.systemAppBundleIDToInfoMap();
+  ASSERT_TRUE(listed && map && map->size() == 1);
+  EXPECT_EQ(*map->get("same").asDictionary()->getString(Configuration::kBundleURLKey),
+            listed->back().path());
 }
 
 TEST_F(BuiltInBundles, AreScannedUntilThereIsAListAndThenOnlyOnDemand) {

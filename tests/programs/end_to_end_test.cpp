@@ -9,18 +9,8 @@
 
 namespace pallion::test {
 
-namespace {
-
-#define SKIP_UNLESS_ROOT() \
-  if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root"
-
-constexpr const char* kSmallLayout =
-    "--apps 5 --vpn 1 --groups 3 --harbors 2 --placeholders 1 --files 3 --file-size 100";
-
-}  // namespace
-
 TEST(EndToEnd, CarriesEveryByteIntoTheNewLayout) {
-  SKIP_UNLESS_ROOT();
+  if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root";
   TemporaryRoot device;
   makeOldLayout(device.path(), "--apps 40 --groups 12 --harbors 5 --vpn 4 --placeholders 5");
   const DeviceState before(device.path());
@@ -42,7 +32,7 @@ TEST(EndToEnd, CarriesEveryByteIntoTheNewLayout) {
 // Every awkward case that make-old-layout knows ends with its own line, and loses nothing that
 // could be kept.
 TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
-  SKIP_UNLESS_ROOT();
+  if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root";
   TemporaryRoot device;
   TemporaryRoot outside;
   makeOldLayout(device.path(), "--apps 6 --groups 3 --harbors 2 --vpn 1 --placeholders 1 --mess");
@@ -86,14 +76,16 @@ TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
 // Across volumes nothing is taken from a source before a sync of the volume that it was copied to,
 // and one such sync serves all that an application brings.
 TEST(EndToEnd, SyncsCopiesBeforeTheirSourcesGo) {
-  SKIP_UNLESS_ROOT();
+  if (!isRoot()) GTEST_SKIP() << "owners and devices of user data need root";
   if (!canMount() || !GatedProcess::isPossible())
     GTEST_SKIP() << "mounting or call filters with notification are not permitted here";
   TemporaryRoot device;
   EXPECT_TRUE(runInMountNamespace([&] {
     const Mount newVolume = Mount::tmpfs(device.makeDirectory("private/var/palliond"));
     ASSERT_TRUE(newVolume.mounted());
-    makeOldLayout(device.path(), kSmallLayout);
+    makeOldLayout(
+        device.path(),
+        "--apps 5 --vpn 1 --groups 3 --harbors 2 --placeholders 1 --files 3 --file-size 100");
     const std::string from = device / "private/var/mobile/";
     const std::string to = device / "private/var/palliond/Containers/";
     bool unsynced = false;

@@ -1,10 +1,14 @@
+#include <sys/stat.h>
+
 #include "tests/programs/program_process.h"
 
 namespace pallion::test {
 namespace {
 
-ProcessOutcome make(const std::string& root, const char* options) {
-  return runProcess(setupOf("make-old-layout", {"--root", root}, wordsOf(options)));
+ProcessOutcome make(const std::string& root, const char* options, std::optional<uid_t> user = {}) {
+  ChildProcess::Setup setup = setupOf("make-old-layout", {"--root", root}, wordsOf(options));
+  setup.user = user;
+  return runProcess(setup);
 }
 
 TEST(MakeOldLayout, TheSeedDecidesEverything) {
@@ -46,6 +50,15 @@ TEST(MakeOldLayout, WrongUsageAndFailuresChangeNothingAndNameTheCause) {
   }
   EXPECT_FALSE(exists(parent / "root"));
   EXPECT_EQ(difference(before, snapshotTree(parent / "taken")), "");
+
+  if (!isRoot()) GTEST_SKIP() << "becoming another user needs root";
+  const TemporaryRoot root;
+  ASSERT_EQ(chmod(root.path().c_str(), 0777), 0);
+  const ProcessOutcome outcome = make(root.path(), "--apps 3 --mess", 12345);
+  // The tree may stand in a directory that is closed to others.
+  if (outcome.status == 127) GTEST_SKIP() << "the program is not readable for everyone";
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "make-old-layout: left out: owners, which only root can give\n");
 }
 
 }  // namespace
