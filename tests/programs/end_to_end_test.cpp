@@ -24,8 +24,9 @@ TEST(EndToEnd, CarriesEveryByteIntoTheNewLayout) {
   const ProcessOutcome outcome = host(device.path());
   EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
   EXPECT_EQ(before.differenceAfterMigration(device.path()), "");
-  // Nothing to do the second time.
+  // Nothing to do the second time, nor where there is nothing.
   EXPECT_EQ(host(device.path()).status, 0);
+  EXPECT_EQ(host(TemporaryRoot().path()).status, 0);
   EXPECT_EQ(before.differenceAfterMigration(device.path()), "");
 }
 
