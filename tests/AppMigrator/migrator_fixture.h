@@ -25,7 +25,7 @@ inline constexpr const char* kRunFailedLine =
 
 // A device with an old layout, and an installer that answers as it is told.
 class MigratorFixture : public testing::Test {
- protected:
+ public:
   static constexpr const char* kApplications = "private/var/mobile/Applications";
   static constexpr const char* kInstallMap =
       "private/var/mobile/Library/Caches/com.orlix.pallion.plist";
