@@ -58,8 +58,8 @@ class RegistryContainers {
   [[nodiscard]] int ensure(Kind kind, const std::string& uuid) const;
 
   // Whether their volume keeps order (foundation/volume_order.h). Where it doesn't, it has to be
-  // synced before a commit that speaks of its directories. Asked once; not from several threads at a
-  // time.
+  // synced before a commit that speaks of its directories. Asked once; not from several threads at
+  // a time.
   [[nodiscard]] bool syncsKeepOrder() const;
 
   // The entries of Incoming; nothing with errno set when they can't be listed.

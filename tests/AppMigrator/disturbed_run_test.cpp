@@ -3,11 +3,14 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "platform/tree_copy.h"
 #include "tests/AppMigrator/migrator_fixture.h"
+#include "tests/helpers/child_process.h"
 #include "tests/helpers/leased_file.h"
 #include "tests/helpers/mounts.h"
+#include "tests/helpers/refused_calls.h"
 #include "tests/helpers/refusing_remove.h"
 
 namespace pallion::test {
@@ -199,6 +202,17 @@ TEST_F(Disturbed, WithoutRoom) {
     EXPECT_EQ(exists(inApplications("C")), !known);
     expectNothingLost();
   }
+}
+
+// A marker that the power may take back from under its name is none.
+TEST_F(Disturbed, WithoutWritingOut) {
+  layOut();
+  installer.installed = {"org.foo"};
+  EXPECT_TRUE(runInChild([this] {
+    ASSERT_TRUE(refuseCalls({SYS_sync_file_range, SYS_fdatasync}, EIO));
+    EXPECT_TRUE(run());
+    EXPECT_TRUE(loggedBeginningWith("3 Failed to write out container marker dictionary... "));
+  }));
 }
 
 // A directory that can't be listed just now is neither empty nor without a bundle.

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "foundation/property_list.h"
+#include "foundation/volume_order.h"
 #include "tests/helpers/child_process.h"
 #include "tests/helpers/refused_calls.h"
 #include "tests/helpers/temporary_root.h"
@@ -20,6 +21,8 @@
 namespace pallion {
 namespace {
 
+using test::refuseCalls;
+using test::runInChild;
 using test::TemporaryRoot;
 
 size_t entriesIn(const std::string& directory) {
@@ -169,6 +172,9 @@ TEST(WriteFileAtomically, PutsTheContentBeforeTheName) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const TemporaryRoot root;
+    struct statfs volume {};
+    if (statfs(root.path().c_str(), &volume) != 0 || !keepsOrder(volume))
+      GTEST_SKIP() << "temporary files stand where changes keep no order";
     root.makeFile("old", "old");
     EXPECT_TRUE(runInChild([&] {
       ASSERT_TRUE(refuseCalls(c.refused, EIO));

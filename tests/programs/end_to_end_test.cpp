@@ -52,7 +52,8 @@ TEST(EndToEnd, SaysOfEveryAwkwardCaseWhatBecameOfIt) {
   // Those of them that only the real registry and installer bring about.
   for (const char* expected :
        {"Failed to create staged placeholder directory at "
-        "/private/var/tmp/com.orlix.pallion.migrator/...app/ : POSIX 22: \"..\" is no plain name",
+        "/private/var/palliond/tmp/com.orlix.pallion.migrator/...app/ : POSIX 22: \"..\" is no "
+        "plain name",
         "Failed to install file://$A/$U/Staging/ : RegistryErrorDomain 4: "
         "$A/$U/Staging/Payload/NoExecutable.app/NoExecutable: No such file or directory (POSIX 2)",
         "Installation of $A/$U/NoExecutable.app/ failed with Pallion error "

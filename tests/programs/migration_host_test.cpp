@@ -58,7 +58,8 @@ TEST(MigrationHost, AsksThePluginOnceInsideTheRootAlsoWithoutPrivileges) {
   setup.environment.push_back("TMPDIR=" + root.path());
   EXPECT_EQ(runProcess(setup).status, 0);
   const std::string calls =
-      "init mask=18 cwd=/ tmpdir=/private/var/palliond/tmp\ndataClassName\nperformMigration\ndestroy\n";
+      "init mask=18 cwd=/ "
+      "tmpdir=/private/var/palliond/tmp\ndataClassName\nperformMigration\ndestroy\n";
   EXPECT_EQ(readAll(root / "calls"), calls);
 
   if (!isRoot()) GTEST_SKIP() << "the other tests run without privileges already";
