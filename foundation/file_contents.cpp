@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "foundation/open_unnoticed.h"
@@ -62,8 +61,7 @@ int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::
 // after they have logged that its block is filled. The log's own flush then covers the device's
 // cache. Where changes keep no order it takes a sync.
 int orderContent(int fd) {
-  struct statfs volume {};
-  if (fstatfs(fd, &volume) != 0 || !keepsOrder(volume)) return fdatasync(fd) == 0 ? 0 : errno;
+  if (!keepsOrder(fd)) return fdatasync(fd) == 0 ? 0 : errno;
   constexpr unsigned kAll =
       SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
   return sync_file_range(fd, 0, 0, kAll) == 0 ? 0 : errno;

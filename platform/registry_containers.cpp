@@ -7,10 +7,10 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "foundation/open_unnoticed.h"
+#include "foundation/unique_descriptor.h"
 #include "foundation/volume_order.h"
 #include "platform/directory_reader.h"
 #include "platform/make_path.h"
@@ -81,8 +81,9 @@ RegistryContainers::RegistryContainers(const URL& root) {
 
 bool RegistryContainers::syncsKeepOrder() const {
   if (!syncsKeepOrder_) {
-    struct statfs status {};
-    syncsKeepOrder_ = statfs(incomingDirectory().c_str(), &status) == 0 && keepsOrder(status);
+    const UniqueDescriptor directory(
+        open(incomingDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    syncsKeepOrder_ = directory && keepsOrder(directory.get());
   }
   return *syncsKeepOrder_;
 }
