@@ -1,6 +1,7 @@
 #include "platform/sha256.h"
 
 #include <cstdlib>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 namespace pallion {
@@ -8,8 +9,16 @@ namespace pallion {
 namespace {
 
 // Looking an algorithm up costs far more than digesting a small file, so it is done once a process.
+// Left to itself the library would read its configuration first: inside a root that is the root's
+// own file, and what that names would be loaded as code. The tables of all other algorithms by name
+// are left out because filling them takes longer than anything else here.
 const EVP_MD* algorithm() {
-  static EVP_MD* const kAlgorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  static EVP_MD* const kAlgorithm = [] {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
+                            OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+                        nullptr);
+    return EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  }();
   return kAlgorithm;
 }
 
