@@ -143,8 +143,14 @@ TEST(WriteFileAtomically, LeavesTheOldFileWhereTheNewOneDoesNotFit) {
     signal(SIGXFSZ, SIG_IGN);
     const rlimit limit = {4000, 4000};
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    for (const char* name : {"file", "other"})
-      EXPECT_EQ(EFBIG, write(root / name, std::string(5000, 'n'))) << name;
+    const UniqueDescriptor directory(open(root.path().c_str(), O_PATH | O_DIRECTORY));
+    const std::string large(5000, 'n');
+    for (const char* name : {"file", "other"}) {
+      EXPECT_EQ(EFBIG, write(root / name, large)) << name;
+      EXPECT_EQ(EFBIG,
+                writeFileAtomicallyAt(directory.get(), name, large, Durability::kSynced, 0644))
+          << name;
+    }
     EXPECT_EQ(1U, entriesIn(root.path()));
     EXPECT_EQ("old", test::readAll(root / "file"));
   });
