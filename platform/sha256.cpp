@@ -1,26 +1,12 @@
 #include "platform/sha256.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
+#include <gcrypt.h>
 
 namespace pallion {
 
 namespace {
-
-// Looking an algorithm up costs far more than digesting a small file, so it is done once a process.
-// Left to itself the library would read its configuration first: inside a root that is the root's
-// own file, and what that names would be loaded as code. The tables of all other algorithms by name
-// are left out because filling them takes longer than anything else here.
-const EVP_MD* algorithm() {
-  static EVP_MD* const kAlgorithm = [] {
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
-                            OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
-                        nullptr);
-    return EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  }();
-  return kAlgorithm;
-}
 
 // Every call below fails only without memory, or without the algorithm that each build of the
 // library has.
@@ -28,31 +14,36 @@ void require(bool success) {
   if (!success) std::abort();
 }
 
+// No secret is digested, so that memory need not be locked for any.
+bool initialize() {
+  return gcry_check_version(nullptr) != nullptr && gcry_control(GCRYCTL_DISABLE_SECMEM) == 0 &&
+         gcry_control(GCRYCTL_INITIALIZATION_FINISHED) == 0;
+}
+
 }  // namespace
 
 struct SHA256Digest::State {
-  EVP_MD_CTX* context = EVP_MD_CTX_new();
+  gcry_md_hd_t context = nullptr;
   State() = default;
   State(const State&) = delete;
   State& operator=(const State&) = delete;
-  ~State() { EVP_MD_CTX_free(context); }
+  ~State() { gcry_md_close(context); }
 };
 
 SHA256Digest::SHA256Digest() : state_(std::make_unique<State>()) {
-  require(state_->context && EVP_DigestInit_ex2(state_->context, algorithm(), nullptr) == 1);
+  static const bool kInitialized = initialize();
+  require(kInitialized && gcry_md_open(&state_->context, GCRY_MD_SHA256, 0) == 0);
 }
 
 SHA256Digest::~SHA256Digest() = default;
 
 void SHA256Digest::update(const void* bytes, size_t count) {
-  require(EVP_DigestUpdate(state_->context, bytes, count) == 1);
+  gcry_md_write(state_->context, bytes, count);
 }
 
 SHA256Digest::Bytes SHA256Digest::finish() {
   Bytes digest{};
-  unsigned length = 0;
-  require(EVP_DigestFinal_ex(state_->context, digest.data(), &length) == 1 &&
-          length == digest.size());
+  std::copy_n(gcry_md_read(state_->context, GCRY_MD_SHA256), digest.size(), digest.begin());
   return digest;
 }
 

@@ -69,18 +69,6 @@ TEST(PallionTool, AnswersOnFiles) {
                  });
 }
 
-// A configuration could have code of its own loaded; this one would only leave no SHA-256.
-TEST(PallionTool, DigestsWithoutTheRootsConfigurationOfTheLibrary) {
-  const TemporaryRoot root;
-  root.makeFile("f", "hi\n");
-  root.makeFile("openssl.cnf",
-                "openssl_conf = a\n[a]\nalg_section = b\n[b]\ndefault_properties = fips=yes\n");
-  ChildProcess::Setup process = setupOf("palliontool", {"--root", root.path(), "digest", "/f"});
-  process.environment = {"OPENSSL_CONF=/openssl.cnf"};
-  EXPECT_EQ(runProcess(process).out,
-            "98ea6e4f216f2fb4b69fff9b3a44842c38686ca685f3f55dc48c5d3fb1107be4  /f\n");
-}
-
 TEST(PallionTool, AnswersOnBundles) {
   const TemporaryRoot root;
   root.makeFile("A.app/Info.plist", kInfo);
