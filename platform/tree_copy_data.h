@@ -21,7 +21,10 @@ struct CopyAbilities {
 class DataCopy {
  public:
   // Adds the bytes of content that it writes to `bytesCopied`, which outlives this object.
-  explicit DataCopy(std::atomic<uint64_t>& bytesCopied) : bytesCopied_(bytesCopied) {}
+  explicit DataCopy(std::atomic<uint64_t>& bytesCopied);
+  DataCopy(const DataCopy&) = delete;
+  DataCopy& operator=(const DataCopy&) = delete;
+  ~DataCopy();
   // What is known of the volumes before the first copy, and after the last.
   CopyAbilities abilities;
   // From `source`, whose `status` was read when it was opened, to the empty file `destination`.
@@ -42,7 +45,8 @@ class DataCopy {
   }
 
   std::atomic<uint64_t>& bytesCopied_;
-  std::unique_ptr<char[]> buffer_;
+  struct Buffer;
+  std::unique_ptr<Buffer> buffer_;
 };
 
 }  // namespace pallion
