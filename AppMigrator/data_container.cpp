@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "AppMigrator/app_migrator.h"
 #include "AppMigrator/container_info.h"
 #include "AppMigrator/migrator_log.h"
@@ -19,6 +21,12 @@ bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const URL source = fromURL.appending(name, URL::Kind::kDirectory);
     const URL destination = toURL.appending(name, URL::Kind::kDirectory);
+    // Most often the old item is a directory and the installer's an empty one.
+    if (PendingMoves::moveOntoEmptyDirectory(source, destination)) {
+      entryMoved(name);
+      continue;
+    }
+    if (errno == ENOENT && files.itemDoesNotExistAtURL(source)) continue;
     if (!files.itemExistsAtURL(source)) {
       if (files.itemDoesNotExistAtURL(source)) continue;
       // Not to be seen just now is not absent, and what is left here may go with the container.

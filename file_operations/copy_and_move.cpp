@@ -78,6 +78,12 @@ bool PendingMoves::_moveItemAtURL(const URL& source, const URL& destination, boo
   return true;
 }
 
+bool PendingMoves::moveOntoEmptyDirectory(const URL& source, const URL& destination) {
+  // With a slash behind it the kernel takes no name but a directory's.
+  const std::string directory = source.fileSystemRepresentation() + std::string("/");
+  return rename(directory.c_str(), destination.fileSystemRepresentation()) == 0;
+}
+
 bool PendingMoves::complete(Error* error) {
   const std::vector<Move> copied = std::exchange(copied_, {});
   for (const Move& move : copied) {

@@ -22,6 +22,10 @@ class PendingMoves {
     return _moveItemAtURL(source, destination, false, error);
   }
 
+  // A rename that only a directory can go, onto nothing or onto an empty directory, which it
+  // replaces. False with errno set where it takes more than that, and then nothing was done.
+  static bool moveOntoEmptyDirectory(const URL& source, const URL& destination);
+
   // Puts the copies on their medium, unless a sync since has done so, sets each source aside under
   // a name of its own in its directory (platform/set_aside.h) and removes it; when that fails the
   // move still counts as done and a line at level 3 says so. False with a record when a copy may

@@ -160,7 +160,18 @@ bool RegistryDatabase::queryInteger(const char* sql, int64_t& number) {
 // Every read takes and drops locks by several calls unless it is part of a transaction. There is
 // one writer, so a transaction that a read began never is behind, and can be written in.
 bool RegistryDatabase::holdSnapshot() {
-  return !writes_ || !sqlite3_get_autocommit(handle_) || step("BEGIN");
+  return (!writes_ && !inOneState_) || !sqlite3_get_autocommit(handle_) || step("BEGIN");
+}
+
+RegistryDatabase::OneState::OneState(RegistryDatabase* database) : database_(database) {
+  if (database_) database_->inOneState_ = true;
+}
+
+RegistryDatabase::OneState::~OneState() {
+  if (!database_) return;
+  database_->inOneState_ = false;
+  // Whoever only reads holds no writer up for longer than this.
+  if (!database_->writes_) database_->rollback();
 }
 
 bool RegistryDatabase::begin() {

@@ -75,6 +75,19 @@ class RegistryDatabase {
 
   [[nodiscard]] const Refusal& failure() const { return failure_; }
 
+  // Everything that is read in its scope is of one state, and takes one reader's locks and looks at
+  // the files. `database` may be null.
+  class OneState {
+   public:
+    explicit OneState(RegistryDatabase* database);
+    OneState(const OneState&) = delete;
+    OneState& operator=(const OneState&) = delete;
+    ~OneState();
+
+   private:
+    RegistryDatabase* database_;
+  };
+
   bool begin();
   bool commit();
   void rollback();
@@ -117,7 +130,7 @@ class RegistryDatabase {
   bool execute(const char* sql);
   // Of a prepared statement that answers no rows.
   bool step(const char* sql);
-  // Sees that a transaction is open, where this connection may write.
+  // Sees that a transaction is open, where this connection may write or reads in one state.
   bool holdSnapshot();
   bool queryInteger(const char* sql, int64_t& number);
   bool fail();  // with the connection's last error
@@ -128,6 +141,7 @@ class RegistryDatabase {
   std::string path_;
   sqlite3* handle_ = nullptr;
   bool writes_ = false;
+  bool inOneState_ = false;
   int logPages_ = 0;  // in the log after the last commit
   int checkpointAt_ = 0;
   std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text

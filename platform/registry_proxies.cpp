@@ -53,6 +53,7 @@ std::optional<BundleProxy> EmbeddedRegistry::proxyForIdentifier(const std::strin
 Outcome EmbeddedRegistry::proxy(const std::string& identifier, std::optional<BundleProxy>& answer) {
   if (Outcome failed = open()) return failed;
   std::optional<BundleRow> row;
+  const RegistryDatabase::OneState state(database_.get());
   if (database_ && !database_->findBundle(identifier, row)) return database_->failure();
   const BundleFacts* builtIn = nullptr;
   Outcome unreadable = builtIns_.find(identifier, builtIn);
@@ -144,6 +145,7 @@ Outcome EmbeddedRegistry::everyProxy(std::vector<BundleProxy>& proxies) {
   const std::map<std::string, BundleFacts>* builtIns = nullptr;
   if (Outcome unreadable = builtIns_.all(builtIns)) return unreadable;
   std::vector<BundleRow> rows;
+  const RegistryDatabase::OneState state(database_.get());
   if (database_ && !database_->allBundles(rows)) return database_->failure();
   std::map<std::string, std::pair<const BundleRow*, const BundleFacts*>> records;
   for (const BundleRow& row : rows) records[row.identifier].first = &row;

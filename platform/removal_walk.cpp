@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
-#include <optional>
+#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 
@@ -22,27 +22,35 @@ constexpr int kVainPasses = 16;
 constexpr int kAttempts = 16;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-struct Identity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  std::optional<bool> isMount;  // none where the kernel doesn't tell (before 5.8)
-};
-
-// What an open directory is; false with errno set.
-bool identify(int descriptor, Identity& identity) {
-  struct statx status {};
-  if (statx(descriptor, "", AT_EMPTY_PATH, STATX_INO, &status) != 0) return false;
-  identity.device = makedev(status.stx_dev_major, status.stx_dev_minor);
-  identity.inode = status.stx_ino;
-  if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
-    identity.isMount = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-  }
-  return true;
+// Opens a directory to be emptied. One on which something is mounted is none of the tree's (EXDEV),
+// which a look at the device would not tell: that of a bind mount is the same, that of a subvolume
+// another one.
+int openToEmpty(int parent, const char* name) {
+  open_how how{};
+  how.flags = kDirectoryFlags;
+  how.resolve = RESOLVE_NO_XDEV;
+  return static_cast<int>(syscall(SYS_openat2, parent, name, &how, sizeof how));
 }
 
 bool isGone(int number) { return number == ENOENT || number == ENOTDIR || number == ELOOP; }
 
 }  // namespace
+
+int RemovalWalk::Level::close() {
+  if (!reader.isOpen()) return 0;
+  struct stat status {};
+  if (fstat(reader.descriptor(), &status) != 0) return errno;
+  device = status.st_dev;
+  inode = status.st_ino;
+  reader.close();
+  return 0;
+}
+
+int RemovalWalk::Level::compare(int descriptor) const {
+  struct stat status {};
+  if (fstat(descriptor, &status) != 0) return errno;
+  return status.st_dev == device && status.st_ino == inode ? 0 : ENOENT;
+}
 
 RemovalWalk::~RemovalWalk() {
   if (topParent_ >= 0) close(topParent_);
@@ -111,9 +119,9 @@ void RemovalWalk::removeEntry(int directory, const char* name, unsigned char typ
 }
 
 bool RemovalWalk::enter(int directory, const char* name) {
-  const int descriptor = openat(directory, name, kDirectoryFlags);
+  const int descriptor = openToEmpty(directory, name);
   if (descriptor < 0) {
-    const int number = errno;
+    const int number = errno == EXDEV ? EBUSY : errno;
     if (number == ENOENT) return true;
     if (isGone(number)) return false;
     // One that can't be read may still be empty.
@@ -122,23 +130,15 @@ bool RemovalWalk::enter(int directory, const char* name) {
   }
   Level level;
   level.reader = DirectoryReader(descriptor);
-  Identity identity;
-  if (!identify(descriptor, identity)) {
-    fail(name, errno);
-    return true;
-  }
-  // The device alone doesn't tell: that of a bind mount is the same, that of a subvolume another
-  // one.
-  if (identity.isMount.value_or(!levels_.empty() && levels_.back().device != identity.device)) {
-    fail(name, EBUSY);
-    return true;
+  if (levels_.size() >= kOpenLevels) {
+    if (const int number = levels_[levels_.size() - kOpenLevels].close()) {
+      fail(name, number);
+      return true;
+    }
   }
   if (!levels_.empty()) (path_ += '/') += name;
   level.pathLength = path_.size();
-  level.device = identity.device;
-  level.inode = identity.inode;
   levels_.push_back(std::move(level));
-  if (levels_.size() > kOpenLevels) levels_[levels_.size() - 1 - kOpenLevels].reader.close();
   return true;
 }
 
@@ -176,12 +176,8 @@ bool RemovalWalk::reopenAbove() {
   const int descriptor = openat(levels_[deepest].reader.descriptor(), "..", kDirectoryFlags);
   if (descriptor < 0) return descendAgain(deepest - 1);
   DirectoryReader reader(descriptor);
-  Identity identity;
   // The directory below may have been moved: then its ".." is anywhere.
-  if (!identify(descriptor, identity) || identity.device != above.device ||
-      identity.inode != above.inode) {
-    return descendAgain(deepest - 1);
-  }
+  if (above.compare(descriptor) != 0) return descendAgain(deepest - 1);
   above.reader = std::move(reader);
   return true;
 }
@@ -195,12 +191,7 @@ bool RemovalWalk::descendAgain(size_t target) {
         openat(i == 0 ? topParent_ : reader.descriptor(), name.c_str(), kDirectoryFlags);
     int number = descriptor < 0 ? errno : 0;
     DirectoryReader next(descriptor);
-    Identity identity;
-    if (number == 0 && !identify(descriptor, identity)) number = errno;
-    if (number == 0 &&
-        (identity.device != levels_[i].device || identity.inode != levels_[i].inode)) {
-      number = ENOENT;
-    }
+    if (number == 0) number = levels_[i].compare(descriptor);
     if (number != 0) {
       while (levels_.size() > i) pop();
       if (i > 0) levels_.back().reader = std::move(reader);

@@ -33,13 +33,19 @@ class RemovalWalk {
   struct Level {
     DirectoryReader reader;  // closed while the walk is far below
     size_t pathLength = 0;   // how much of `path_` names this directory
-    dev_t device = 0;
+    dev_t device = 0;        // of one that was closed
     ino_t inode = 0;
     bool keepsItems = false;  // something in it, at whatever depth, could not be removed
     bool trustsShortReads =
         true;            // what looks like the last read is taken for it, until proved wrong
     int vainPasses = 0;  // how often it was read to its end and was not empty all the same
     std::set<std::string, std::less<>> kept;  // names of the entries that stay
+
+    // Gives the descriptor up and remembers the directory. 0 or an errno, then it stays open.
+    int close();
+    // 0 when the descriptor is of the directory that was closed, ENOENT when it is of another one,
+    // or an errno.
+    [[nodiscard]] int compare(int descriptor) const;
   };
 
   void walk();
