@@ -96,11 +96,10 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
     logError(kPlaceholderFunction,
              "PLAppMigrator: Writing placeholder icon for app %@ to %@ failed", identifier, icon);
   }
-  // Nobody needs these files after a power loss: the registry puts on the medium what it takes
-  // over.
   const URL infoURL = placeholder.appending("Info.plist", URL::Kind::kFile);
-  if (writePropertyListFile(Value::dictionary(std::move(info)), infoURL,
-                            PropertyListFormat::kBinary, Durability::kOrdered) != 0) {
+  const std::optional<std::string> list =
+      writePropertyList(Value::dictionary(std::move(info)), PropertyListFormat::kBinary);
+  if (!list || writeFileInOwnDirectory(infoURL, *list, Durability::kOrdered) != 0) {
     logError(kPlaceholderFunction, "PLAppMigrator: Failed to write placeholder Info.plist to %@",
              infoURL);
     return false;
@@ -139,7 +138,8 @@ bool PLAppMigrator::_writeIconForBundle(QXBundle& bundle, const URL& toURL) {
              bundle);
     return false;
   }
-  if (const int number = writeFileAtomically(toURL, buffer, Durability::kOrdered); number != 0) {
+  if (const int number = writeFileInOwnDirectory(toURL, buffer, Durability::kOrdered);
+      number != 0) {
     logError(
         kFunction, "PLAppMigrator: Failed to write image data to %@ : %@", toURL,
         _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, number, "%s", std::strerror(number)));

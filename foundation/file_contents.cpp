@@ -264,6 +264,17 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   return writeFileAtomicallyAt(directory.get(), name, bytes, durability, mode);
 }
 
+int writeFileInOwnDirectory(const URL& url, std::string_view bytes, Durability durability,
+                            mode_t mode) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const char* const path = url.fileSystemRepresentation();
+  const UniqueDescriptor file(retriedAfterSignals([&] { return open(path, kFlags, mode); }));
+  if (!file) return errno == EEXIST ? writeFileAtomically(url, bytes, durability, mode) : errno;
+  const int error = writeAll(file.get(), bytes, durability);
+  if (error != 0) unlink(path);
+  return error;
+}
+
 int writeFileAtomicallyAt(int directory, const std::string& name, std::string_view bytes,
                           Durability durability, mode_t mode) {
   return AtomicWrite(directory, name, bytes, durability, mode).run();

@@ -59,7 +59,7 @@ int furnish(const std::string& container, const std::string& bundlePath,
   const Value metadata = options.get(kAppBriscaMetadataKey);
   if (failed == 0 && metadata.asData()) {
     const URL url = URL::fileURL(container + "/" + kBriscaMetadataName, URL::Kind::kFile);
-    failed = writeFileAtomically(url, *metadata.asData(), Durability::kOrdered);
+    failed = writeFileInOwnDirectory(url, *metadata.asData(), Durability::kOrdered);
   }
   return failed;
 }

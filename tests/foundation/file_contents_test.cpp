@@ -175,17 +175,19 @@ TEST(WriteFileAtomically, PutsTheContentBeforeTheName) {
       {"neither", {SYS_fdatasync, SYS_sync_file_range}, Durability::kNotSynced, 0},
   };
   if (!test::canMount()) GTEST_SKIP() << "mounting needs CAP_SYS_ADMIN";
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    const TemporaryRoot root;
-    EXPECT_TRUE(test::runInMountNamespace([&] {
-      const test::Mount memory = test::Mount::tmpfs(root.path());  // keeps order
-      root.makeFile("old", "old");
-      ASSERT_TRUE(refuseCalls(c.refused, EIO));
-      for (const char* name : {"old", "new"})
-        EXPECT_EQ(c.error, writeFileAtomically(URL::fileURL(root / name), "n", c.durability));
-      EXPECT_EQ(c.error == 0 ? 2U : 1U, entriesIn(root.path()));
-    }));
+  for (const auto& write : {writeFileAtomically, writeFileInOwnDirectory}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.what);
+      const TemporaryRoot root;
+      EXPECT_TRUE(test::runInMountNamespace([&] {
+        const test::Mount memory = test::Mount::tmpfs(root.path());  // keeps order
+        root.makeFile("old", "old");
+        ASSERT_TRUE(refuseCalls(c.refused, EIO));
+        for (const char* name : {"old", "new"})
+          EXPECT_EQ(c.error, write(URL::fileURL(root / name), "n", c.durability, 0644));
+        EXPECT_EQ(c.error == 0 ? 2U : 1U, entriesIn(root.path()));
+      }));
+    }
   }
 }
 

@@ -207,6 +207,13 @@ TEST_F(Remove, DirectoriesThatCannotBeReadAreReported) {
     })) << call;
     EXPECT_TRUE(exists(top_ + "/kept/x"));
   }
+  // A directory that is left for one far below is looked at first, to be known again.
+  makeChain(top_, 40);
+  EXPECT_TRUE(runInMountNamespace([&] {
+    ASSERT_TRUE(refuseCalls({SYS_newfstatat, SYS_fstat}, EIO));
+    EXPECT_EQ(removeAt(top_).number, EIO);
+  }));
+  EXPECT_TRUE(exists(top_ + chainPath(32)));
 }
 
 // A file on which something is mounted can't be removed, wherever its directories are moved.
