@@ -23,6 +23,10 @@ void Dictionary::reserve(size_t count) {
   if (count > kScanLimit && slots_.size() < count * 2) rebuildIndex(count * 2);
 }
 
+void Dictionary::expect(const Value& key) const {
+  if (!slots_.empty()) __builtin_prefetch(&slots_[key.hash() & (slots_.size() - 1)]);
+}
+
 template <class Equals>
 size_t Dictionary::locate(size_t hash, const Equals& equals) const {
   if (slots_.empty()) {

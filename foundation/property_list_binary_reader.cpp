@@ -304,6 +304,7 @@ bool BinaryReader::readDictionary(const Head& head, int enclosing, Slot& slot) {
   for (size_t i = 0; i < head.count; ++i) {
     const size_t at = head.content + i * referenceSize_;
     const Slot* key = reference(at, enclosing);
+    if (key) entries.expect(key->value);
     const Slot* value = reference(at + head.count * referenceSize_, enclosing);
     if (!addChild(slot, key) || !addChild(slot, value)) return false;
     entries.set(key->value, value->value);

@@ -94,6 +94,9 @@ class Dictionary {
   Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries);
 
   void reserve(size_t count);
+  // Says that `key` will be set soon: its place in a large index is on its way from memory while
+  // the caller makes the value.
+  void expect(const Value& key) const;
   // An equal key keeps its place and gets the new value.
   void set(Value key, Value value);
   void set(std::string_view key, Value value);
