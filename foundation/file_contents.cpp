@@ -37,10 +37,13 @@ int readToEnd(int fd, uint64_t expected, uint64_t maximumSize, std::string& byte
   return 0;
 }
 
-int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::string& bytes) {
+using Open = int (*)(int directory, const char* path, int flags);
+
+int readRegularFile(Open openFile, const URL& url, FileCache cache, uint64_t maximumSize,
+                    std::string& bytes) {
   constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
   const UniqueDescriptor file(retriedAfterSignals(
-      [&] { return openUnnoticed(AT_FDCWD, url.fileSystemRepresentation(), kFlags); }));
+      [&] { return openFile(AT_FDCWD, url.fileSystemRepresentation(), kFlags); }));
   if (!file)
     return errno == ENXIO ? EINVAL : errno;  // ENXIO: a socket, or a device that isn't there
   struct stat status {};
@@ -52,6 +55,16 @@ int readRegularFile(const URL& url, FileCache cache, uint64_t maximumSize, std::
   const int error = readToEnd(file.get(), size, maximumSize, bytes);
   if (cache == FileCache::kBypass) posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
   return error;
+}
+
+std::optional<std::string> readWhole(Open openFile, const URL& url, int* errorNumber,
+                                     FileCache cache, uint64_t maximumSize) {
+  std::optional<std::string> bytes(std::in_place);
+  if (const int error = readRegularFile(openFile, url, cache, maximumSize, *bytes)) {
+    if (errorNumber) *errorNumber = error;
+    return std::nullopt;
+  }
+  return bytes;
 }
 
 // Has the content written out, and the change of the file's size that comes of it put into the file
@@ -240,12 +253,12 @@ int writeNewFile(const char* directory, const char* path, std::string_view bytes
 
 std::optional<std::string> readFile(const URL& url, int* errorNumber, FileCache cache,
                                     uint64_t maximumSize) {
-  std::optional<std::string> bytes(std::in_place);
-  if (const int error = readRegularFile(url, cache, maximumSize, *bytes)) {
-    if (errorNumber) *errorNumber = error;
-    return std::nullopt;
-  }
-  return bytes;
+  return readWhole(openUnnoticed, url, errorNumber, cache, maximumSize);
+}
+
+std::optional<std::string> readFileWithoutLinks(const URL& url, int* errorNumber,
+                                                uint64_t maximumSize) {
+  return readWhole(openUnnoticedWithoutLinks, url, errorNumber, FileCache::kUse, maximumSize);
 }
 
 int writeFileAtomically(const URL& url, std::string_view bytes, Durability durability,

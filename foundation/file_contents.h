@@ -23,6 +23,10 @@ std::optional<std::string> readFile(const URL& url, int* errorNumber = nullptr,
                                     FileCache cache = FileCache::kUse,
                                     uint64_t maximumSize = uint64_t{1} << 31);
 
+// The same of a file whose path leads through no symbolic link at all (ELOOP).
+std::optional<std::string> readFileWithoutLinks(const URL& url, int* errorNumber,
+                                                uint64_t maximumSize);
+
 // Whether an errno of the readers here and in property_list.h says that the file may well be whole
 // but could not be read (EIO, EACCES, EMFILE, ENOMEM, ...), rather than that it is absent, damaged,
 // too large or no regular file. What can't be read just now must not be taken for absent.

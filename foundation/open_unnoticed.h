@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <fcntl.h>
 
+#include "foundation/open_restricted.h"
+
 namespace pallion {
 
 // Opens for reading without an access time to be noted, which only owners and the privileged may
@@ -10,6 +12,13 @@ namespace pallion {
 inline int openUnnoticed(int directory, const char* path, int flags) {
   const int descriptor = openat(directory, path, flags | O_NOATIME);
   return descriptor < 0 && errno == EPERM ? openat(directory, path, flags) : descriptor;
+}
+
+// The same for a path of which no component may be a symbolic link (ELOOP).
+inline int openUnnoticedWithoutLinks(int directory, const char* path, int flags) {
+  const int descriptor = openRestricted(directory, path, flags | O_NOATIME, RESOLVE_NO_SYMLINKS);
+  if (descriptor >= 0 || errno != EPERM) return descriptor;
+  return openRestricted(directory, path, flags, RESOLVE_NO_SYMLINKS);
 }
 
 }  // namespace pallion

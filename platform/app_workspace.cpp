@@ -1,6 +1,7 @@
 #include "platform/app_workspace.h"
 
 #include <atomic>
+#include <sys/stat.h>
 
 #include "platform/registry.h"
 
@@ -14,6 +15,13 @@ std::atomic<AppWorkspace*> gReplacement{nullptr};
 
 std::optional<BundleProxy> BundleProxy::bundleProxyForIdentifier(const std::string& identifier) {
   return AppWorkspace::defaultWorkspace().proxyForIdentifier(identifier);
+}
+
+bool BundleProxy::foundBackingBundle() const {
+  struct stat status {};
+  return record_.bundleURL &&
+         lstat(record_.bundleURL->fileSystemRepresentation(), &status) == 0 &&
+         S_ISDIR(status.st_mode);
 }
 
 InstallationForecast AppWorkspace::forecastInstallation(const InstallationQuestion& /*question*/) {

@@ -70,7 +70,6 @@ class BundleProxy {
     std::optional<URL> bundleURL;
     std::optional<URL> bundleContainerURL;
     std::optional<URL> dataContainerURL;
-    bool foundBackingBundle = false;
     bool placeholder = false;
     bool builtIn = false;
     std::string version;
@@ -94,7 +93,8 @@ class BundleProxy {
   [[nodiscard]] const std::optional<URL>& dataContainerURL() const {
     return record_.dataContainerURL;
   }
-  [[nodiscard]] bool foundBackingBundle() const { return record_.foundBackingBundle; }
+  // Whether a directory stands at the bundle's URL; looked at with each question.
+  [[nodiscard]] bool foundBackingBundle() const;
   [[nodiscard]] bool isPlaceholder() const { return record_.placeholder; }
   [[nodiscard]] bool isBuiltIn() const { return record_.builtIn; }
   [[nodiscard]] const std::string& version() const { return record_.version; }

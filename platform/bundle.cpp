@@ -19,6 +19,15 @@ class DirectoryBundle final : public QXBundle {
 
   const URL& bundleURL() const override { return url_; }
 
+  // Reads the list if no link leads to it: then it stands in a directory.
+  bool readFromDirectory() {
+    const URL file = listURL();
+    const std::optional<std::string> bytes =
+        readFileWithoutLinks(file, nullptr, kInfoPlistMaximumSize);
+    if (bytes) take(file, *bytes);
+    return bytes.has_value();
+  }
+
   InfoState infoState() override {
     load();
     return state_;
@@ -48,20 +57,25 @@ class DirectoryBundle final : public QXBundle {
  private:
   void load() {
     if (loaded_) return;
-    loaded_ = true;
-    const URL file = url_.appending("Info.plist", URL::Kind::kFile);
+    const URL file = listURL();
     const std::optional<std::string> bytes =
         readFile(file, &errorNumber_, FileCache::kUse, kInfoPlistMaximumSize);
-    if (bytes) content_ = readPropertyList(*bytes);
-    if (const Dictionary* dictionary = content_.asDictionary()) {
-      info_ = *dictionary;
-      info_.set(kQXBundleInfoPlistURL, Value::string(file.path()));
-      state_ = InfoState::kRead;
-      errorNumber_ = 0;
-      return;
-    }
-    if (bytes) errorNumber_ = EILSEQ;
+    if (bytes) return take(file, *bytes);
+    loaded_ = true;
     state_ = isReadFailure(errorNumber_) ? InfoState::kUnreadable : InfoState::kAbsent;
+  }
+
+  [[nodiscard]] URL listURL() const { return url_.appending("Info.plist", URL::Kind::kFile); }
+
+  void take(const URL& file, const std::string& bytes) {
+    loaded_ = true;
+    content_ = readPropertyList(bytes);
+    const Dictionary* dictionary = content_.asDictionary();
+    errorNumber_ = dictionary ? 0 : EILSEQ;
+    if (!dictionary) return;
+    info_ = *dictionary;
+    info_.set(kQXBundleInfoPlistURL, Value::string(file.path()));
+    state_ = InfoState::kRead;
   }
 
   URL url_;
@@ -73,6 +87,9 @@ class DirectoryBundle final : public QXBundle {
 };
 
 std::unique_ptr<QXBundle> makeDirectoryBundle(const URL& url) {
+  auto bundle = std::make_unique<DirectoryBundle>(url);
+  // A link further up is no concern of the bundle's, so that this settles nothing when it fails.
+  if (bundle->readFromDirectory()) return bundle;
   struct stat status {};
   if (lstat(url.fileSystemRepresentation(), &status) == 0) {
     if (!S_ISDIR(status.st_mode)) return nullptr;
@@ -81,7 +98,7 @@ std::unique_ptr<QXBundle> makeDirectoryBundle(const URL& url) {
   }
   // A directory, or something that could not be looked at: reading its information property list
   // then tells the error.
-  return std::make_unique<DirectoryBundle>(url);
+  return bundle;
 }
 
 std::atomic<QXBundle::Factory> gFactory{makeDirectoryBundle};

@@ -40,7 +40,7 @@ class QXBundle {
   virtual ~QXBundle() = default;
 
   // A new object for a directory (a symbolic link is none), not shared with other users of the same
-  // bundle; null when there is no directory. The information property list is read on first need.
+  // bundle; null when there is no directory. Its information property list is read once.
   static std::unique_ptr<QXBundle> bundleWithURL(const URL& url);
 
   [[nodiscard]] virtual const URL& bundleURL() const = 0;

@@ -2,7 +2,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
-#include <sys/stat.h>
 
 #include "foundation/unique_descriptor.h"
 #include "platform/embedded_registry.h"
@@ -23,11 +22,6 @@ constexpr const char* kDataProtection = "PallionUpdateContainerDataProtectionFor
 constexpr int kDataContainerClass = 4;
 
 URL directoryURL(const std::string& path) { return URL::fileURL(path, URL::Kind::kDirectory); }
-
-bool isDirectory(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 // Gives a data container its class. 0 or an errno.
 int protectDirectory(const std::string& path) {
@@ -109,10 +103,7 @@ Outcome EmbeddedRegistry::describe(const BundleRow* row, const std::string& iden
     bundlePath = builtIns_.directory() + "/" + builtIn->name;
     record.version = builtIn->version;
   }
-  if (!bundlePath.empty()) {
-    record.bundleURL = directoryURL(bundlePath);
-    record.foundBackingBundle = isDirectory(bundlePath);
-  }
+  if (!bundlePath.empty()) record.bundleURL = directoryURL(bundlePath);
   record.groupContainerURLs.emplace();
   if (!row) return std::nullopt;
 

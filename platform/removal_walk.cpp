@@ -3,12 +3,11 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 
+#include "foundation/open_restricted.h"
 #include "platform/parent_directory.h"
 
 namespace pallion {
@@ -21,16 +20,6 @@ constexpr int kVainPasses = 16;
 // How often an entry that is a directory in one call and something else in the next one is tried.
 constexpr int kAttempts = 16;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-// Opens a directory to be emptied. One on which something is mounted is none of the tree's (EXDEV),
-// which a look at the device would not tell: that of a bind mount is the same, that of a subvolume
-// another one.
-int openToEmpty(int parent, const char* name) {
-  open_how how{};
-  how.flags = kDirectoryFlags;
-  how.resolve = RESOLVE_NO_XDEV;
-  return static_cast<int>(syscall(SYS_openat2, parent, name, &how, sizeof how));
-}
 
 bool isGone(int number) { return number == ENOENT || number == ENOTDIR || number == ELOOP; }
 
@@ -119,7 +108,9 @@ void RemovalWalk::removeEntry(int directory, const char* name, unsigned char typ
 }
 
 bool RemovalWalk::enter(int directory, const char* name) {
-  const int descriptor = openToEmpty(directory, name);
+  // One on which something is mounted is none of the tree's, which a look at the device would not
+  // tell: that of a bind mount is the same, that of a subvolume another one.
+  const int descriptor = openRestricted(directory, name, kDirectoryFlags, RESOLVE_NO_XDEV);
   if (descriptor < 0) {
     const int number = errno == EXDEV ? EBUSY : errno;
     if (number == ENOENT) return true;

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <utility>
+
+#include "foundation/open_restricted.h"
 
 namespace pallion {
 
@@ -28,10 +28,7 @@ constexpr const char* kWays[] = {
 };
 
 bool leadsThroughLink(int root, const char* way) {
-  open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
-  how.resolve = RESOLVE_NO_SYMLINKS;
-  const UniqueDescriptor found(static_cast<int>(syscall(SYS_openat2, root, way, &how, sizeof how)));
+  const UniqueDescriptor found(openRestricted(root, way, O_PATH | O_CLOEXEC, RESOLVE_NO_SYMLINKS));
   return !found && errno == ELOOP;
 }
 

@@ -29,6 +29,9 @@ TEST(Bundle, StatesOfTheInformationPropertyList) {
   for (const char* name : {"File.app", "Link.app", "Missing.app", "File.app/Inner.app"})
     EXPECT_EQ(bundleAt(none / name), nullptr) << name;
   EXPECT_EQ(bundleAt("relative"), nullptr);
+  none.makeLink("Elsewhere", none.makeDirectory("apps"));
+  none.makeFile("apps/B.app/Info.plist", kNotes);
+  EXPECT_EQ(bundleAt(none / "Elsewhere/B.app")->identifier(), "com.example.notes");
   const struct {
     const char* name;
     int errorNumber;  // 0: it is read
@@ -71,11 +74,11 @@ TEST(Bundle, WhatCannotBeReadJustNowIsNotAbsent) {
   EXPECT_EQ(unknown->infoErrorNumber(), ENAMETOOLONG);
 
   root.makeFile("A.app/Info.plist", kNotes);
-  const auto bundle = bundleAt(root / "A.app");
   rlimit before{};
   getrlimit(RLIMIT_NOFILE, &before);
   const rlimit none{0, before.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);
+  const auto bundle = bundleAt(root / "A.app");
   const auto state = bundle->infoState();
   setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_EQ(state, QXBundle::InfoState::kUnreadable);
