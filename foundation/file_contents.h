@@ -51,10 +51,10 @@ enum class Durability { kSynced, kOrdered, kNotSynced };
 int writeFileAtomically(const URL& url, std::string_view bytes, Durability durability,
                         mode_t mode = 0644);
 
-// Puts `bytes` at a path in a directory that is still its maker's alone, such as one that is renamed
-// to its place when it is complete. Nobody is there to see half of a file, so it has its name from
-// the beginning, which takes less of the file system; what a killed process has left there is
-// replaced as above. Answers 0 or an errno, and then no file is left.
+// Puts `bytes` at a path in a directory that is still its maker's alone, such as one that is
+// renamed to its place when it is complete. Nobody is there to see half of a file, so it has its
+// name from the beginning, which takes less of the file system; what a killed process has left
+// there is replaced as above. Answers 0 or an errno, and then no file is left.
 int writeFileInOwnDirectory(const URL& url, std::string_view bytes, Durability durability,
                             mode_t mode = 0644);
 

@@ -19,8 +19,7 @@ std::optional<BundleProxy> BundleProxy::bundleProxyForIdentifier(const std::stri
 
 bool BundleProxy::foundBackingBundle() const {
   struct stat status {};
-  return record_.bundleURL &&
-         lstat(record_.bundleURL->fileSystemRepresentation(), &status) == 0 &&
+  return record_.bundleURL && lstat(record_.bundleURL->fileSystemRepresentation(), &status) == 0 &&
          S_ISDIR(status.st_mode);
 }
 
