@@ -11,6 +11,7 @@
 #include "file_operations/pending_moves.h"
 #include "foundation/url.h"
 #include "foundation/value.h"
+#include "foundation/volume_order.h"
 #include "platform/bundle.h"
 #include "platform/migration_plugin.h"
 
@@ -106,6 +107,7 @@ class PLAppMigrator : public MigrationPluginBase {
   std::optional<Dictionary> _installMap;
   std::optional<Dictionary> _harborMap;
   std::optional<Dictionary> _groupContainerMap;
+  VolumeOrder temporaryVolume_;  // of the temporary directory
   bool installMapIsUnreadable_ = false;  // there is one, but reading it failed
 };
 

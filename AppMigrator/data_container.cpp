@@ -18,15 +18,17 @@ bool PLAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
                                                        PendingMoves& moves) {
   constexpr char kFunction[] = "-[PLAppMigrator _migrateDataContainerForIdentifier:fromURL:toURL:]";
   const PLFileManager& files = PLFileManager::defaultManager();
+  bool toIsThere = false;  // as a move has shown, so that another one can only miss its source
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const URL source = fromURL.appending(name, URL::Kind::kDirectory);
     const URL destination = toURL.appending(name, URL::Kind::kDirectory);
     // Most often the old item is a directory and the installer's an empty one.
     if (PendingMoves::moveOntoEmptyDirectory(source, destination)) {
       entryMoved(name);
+      toIsThere = true;
       continue;
     }
-    if (errno == ENOENT && files.itemDoesNotExistAtURL(source)) continue;
+    if (errno == ENOENT && (toIsThere || files.itemDoesNotExistAtURL(source))) continue;
     if (!files.itemExistsAtURL(source)) {
       if (files.itemDoesNotExistAtURL(source)) continue;
       // Not to be seen just now is not absent, and what is left here may go with the container.

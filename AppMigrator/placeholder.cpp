@@ -99,7 +99,7 @@ bool PLAppMigrator::buildAndInstallPlaceholder(const URL& placeholder, const URL
   const URL infoURL = placeholder.appending("Info.plist", URL::Kind::kFile);
   const std::optional<std::string> list =
       writePropertyList(Value::dictionary(std::move(info)), PropertyListFormat::kBinary);
-  if (!list || writeFileInOwnDirectory(infoURL, *list, Durability::kOrdered) != 0) {
+  if (!list || writeFileInOwnDirectory(infoURL, *list, temporaryVolume_) != 0) {
     logError(kPlaceholderFunction, "PLAppMigrator: Failed to write placeholder Info.plist to %@",
              infoURL);
     return false;
@@ -138,8 +138,7 @@ bool PLAppMigrator::_writeIconForBundle(QXBundle& bundle, const URL& toURL) {
              bundle);
     return false;
   }
-  if (const int number = writeFileInOwnDirectory(toURL, buffer, Durability::kOrdered);
-      number != 0) {
+  if (const int number = writeFileInOwnDirectory(toURL, buffer, temporaryVolume_); number != 0) {
     logError(
         kFunction, "PLAppMigrator: Failed to write image data to %@ : %@", toURL,
         _CreateError(kFunction, __LINE__, kPOSIXErrorDomain, number, "%s", std::strerror(number)));

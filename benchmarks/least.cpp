@@ -91,12 +91,11 @@ void writeMarker(const std::string& container) {
   close(file);
 }
 
-// A commit of the registry: two pages of its log with their heads, under two locks.
+// A commit of the registry: two pages of its log with their heads, under the writer's lock.
 class Log {
  public:
   void commit() {
-    lock(F_RDLCK, 0);
-    lock(F_WRLCK, 1);
+    lock(F_WRLCK);
     for (int page = 0; page < 2; ++page) {
       for (const size_t size : {size_t{24}, kPage}) {
         must(pwrite(file_, kBytes.data(), size, end_) == static_cast<ssize_t>(size), "log");
@@ -104,15 +103,13 @@ class Log {
       }
     }
     must(fdatasync(file_) == 0, "log");
-    lock(F_UNLCK, 1);
-    lock(F_UNLCK, 0);
+    lock(F_UNLCK);
   }
 
  private:
-  void lock(short type, off_t at) const {
+  void lock(short type) const {
     struct flock range {};
     range.l_type = type;
-    range.l_start = at;
     range.l_len = 1;
     must(fcntl(file_, F_SETLK, &range) == 0, "log");
   }

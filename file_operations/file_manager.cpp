@@ -127,7 +127,7 @@ bool PLFileManager::removeItemAtURL(const URL* url, Error* error) const {
     return failPOSIX(error, kFunction, __LINE__, EFAULT,
                      "nil url passed to -removeItemAtURL:error:");
   }
-  state->expectDirectory(url->isDirectory());
+  if (url->isDirectory()) state->expect(RemovalState::Expected::kDirectory);
   int firstError = 0;
   if (!state->setErrorCallback(&_removefile_error_callback)) {
     LogWrite(kLogError, kFunction,

@@ -12,7 +12,6 @@
 #include "foundation/open_unnoticed.h"
 #include "foundation/signal_retry.h"
 #include "foundation/unique_descriptor.h"
-#include "foundation/volume_order.h"
 
 namespace pallion {
 
@@ -73,22 +72,27 @@ std::optional<std::string> readWhole(Open openFile, const URL& url, int* errorNu
 // ext4 and xfs allocate blocks when pages are written out, and end the write-out of a page only
 // after they have logged that its block is filled. The log's own flush then covers the device's
 // cache. Where changes keep no order it takes a sync.
-int orderContent(int fd) {
-  if (!keepsOrder(fd)) return fdatasync(fd) == 0 ? 0 : errno;
+int orderContent(int fd, bool volumeKeepsOrder) {
+  if (!volumeKeepsOrder) return fdatasync(fd) == 0 ? 0 : errno;
   constexpr unsigned kAll =
       SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
   return sync_file_range(fd, 0, 0, kAll) == 0 ? 0 : errno;
 }
 
-int writeAll(int fd, std::string_view bytes, Durability durability) {
+int writeBytes(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written =
         retriedAfterSignals([&] { return write(fd, bytes.data(), bytes.size()); });
     if (written < 0) return errno;
     bytes.remove_prefix(static_cast<size_t>(written));
   }
+  return 0;
+}
+
+int writeAll(int fd, std::string_view bytes, Durability durability) {
+  if (const int error = writeBytes(fd, bytes)) return error;
   if (durability == Durability::kSynced && fdatasync(fd) != 0) return errno;
-  return durability == Durability::kOrdered ? orderContent(fd) : 0;
+  return durability == Durability::kOrdered ? orderContent(fd, keepsOrder(fd)) : 0;
 }
 
 // A name beside the file, the same for every write of it.
@@ -277,13 +281,16 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
   return writeFileAtomicallyAt(directory.get(), name, bytes, durability, mode);
 }
 
-int writeFileInOwnDirectory(const URL& url, std::string_view bytes, Durability durability,
+int writeFileInOwnDirectory(const URL& url, std::string_view bytes, VolumeOrder& volume,
                             mode_t mode) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   const char* const path = url.fileSystemRepresentation();
   const UniqueDescriptor file(retriedAfterSignals([&] { return open(path, kFlags, mode); }));
-  if (!file) return errno == EEXIST ? writeFileAtomically(url, bytes, durability, mode) : errno;
-  const int error = writeAll(file.get(), bytes, durability);
+  if (!file) {
+    return errno == EEXIST ? writeFileAtomically(url, bytes, Durability::kOrdered, mode) : errno;
+  }
+  int error = writeBytes(file.get(), bytes);
+  if (error == 0) error = orderContent(file.get(), volume.isKept(file.get()));
   if (error != 0) unlink(path);
   return error;
 }

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include "foundation/url.h"
+#include "foundation/volume_order.h"
 
 // Whole files as bytes. All functions may be called from any thread.
 
@@ -54,8 +55,9 @@ int writeFileAtomically(const URL& url, std::string_view bytes, Durability durab
 // Puts `bytes` at a path in a directory that is still its maker's alone, such as one that is
 // renamed to its place when it is complete. Nobody is there to see half of a file, so it has its
 // name from the beginning, which takes less of the file system; what a killed process has left
-// there is replaced as above. Answers 0 or an errno, and then no file is left.
-int writeFileInOwnDirectory(const URL& url, std::string_view bytes, Durability durability,
+// there is replaced as above. Durability::kOrdered, on the directory's volume. Answers 0 or an
+// errno, and then no file is left.
+int writeFileInOwnDirectory(const URL& url, std::string_view bytes, VolumeOrder& volume,
                             mode_t mode = 0644);
 
 // The same as writeFileAtomically for a plain name in an open directory (O_PATH is enough).

@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/vfs.h>
+
+#include "foundation/unique_descriptor.h"
 
 namespace pallion {
 
@@ -22,6 +25,12 @@ bool hasJournal(int descriptor) {
 }
 
 }  // namespace
+
+bool VolumeOrder::isKept(const char* directory) {
+  if (kept_) return *kept_;
+  const UniqueDescriptor opened(open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return opened && isKept(opened.get());
+}
 
 bool keepsOrder(int descriptor) {
   struct statfs volume {};

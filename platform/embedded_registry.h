@@ -110,7 +110,7 @@ class EmbeddedRegistry final : public Registry {
 
   std::mutex mutex_;
   const Access access_;
-  const RegistryContainers containers_;
+  RegistryContainers containers_;
   BuiltInApplications builtIns_;
   std::unique_ptr<RegistryDatabase> database_;
   int lock_ = -1;  // open while this process may write

@@ -38,6 +38,8 @@ bool RemovalState::errorNumber(int& number) const {
   return true;
 }
 
+int RemovalState::offer(int, const char*) { return kRemoveIt; }
+
 bool RemovalState::report(const char* path, int number) {
   errorNumber_ = number;
   return !callback_ || callback_(*this, path, context_);

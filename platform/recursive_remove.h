@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <fcntl.h>
 
 // The platform's recursive remove.
 
@@ -23,9 +23,21 @@ class RemovalState {
   // The errno of the item that is being reported; only within the callback.
   virtual bool errorNumber(int& number) const;
 
-  // What the item most likely is, which decides what is tried first; false at the beginning.
-  void expectDirectory(bool expected) { expectsDirectory_ = expected; }
-  [[nodiscard]] bool expectsDirectory() const { return expectsDirectory_; }
+  // What the item most likely is, which decides what is tried first; kItem at the beginning.
+  // kFilledDirectory: nothing else is tried, and an item that is not there counts as removed.
+  enum class Expected { kItem, kDirectory, kFilledDirectory };
+  void expect(Expected expected) { expected_ = expected; }
+  [[nodiscard]] Expected expected() const { return expected_; }
+
+  // With a directory, which stays the caller's, the removed item is given by its name in there.
+  void startAt(int directory) { directory_ = directory; }
+  [[nodiscard]] int directory() const { return directory_; }
+
+  // Offers an item that stands right in the directory that is removed, by the descriptor of that
+  // directory, before the item is removed. Answers kRemoveIt; 0 when it is no longer there; or the
+  // errno with which it stays and is reported.
+  static constexpr int kRemoveIt = -1;
+  virtual int offer(int directory, const char* name);
 
   // For implementations: reports one failing item by its whole path, answers whether to go on.
   bool report(const char* path, int number);
@@ -34,7 +46,8 @@ class RemovalState {
   ErrorCallback callback_ = nullptr;
   void* context_ = nullptr;
   int errorNumber_ = 0;
-  bool expectsDirectory_ = false;
+  Expected expected_ = Expected::kItem;
+  int directory_ = AT_FDCWD;
 };
 
 class RecursiveRemove {

@@ -49,6 +49,7 @@ void EmbeddedRegistry::closeLocked() {
   }
   removedTrash_.clear();
   database_.reset();
+  containers_.forget();
   if (lock_ >= 0) ::close(lock_);
   lock_ = -1;
 }

@@ -1,16 +1,50 @@
 #include "platform/registry_change.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 
 #include "platform/product_log.h"
+#include "platform/recursive_remove.h"
 #include "platform/store_metadata.h"
 #include "platform/tree_copy.h"
 #include "platform/uuid.h"
 
 namespace pallion {
+
+namespace {
+
+// The removal of a replaced bundle container, of which store metadata that the successor has none
+// of goes there.
+class Inheritance final : public RemovalState {
+ public:
+  Inheritance(const std::string& path, std::string heir, const char* function)
+      : path_(path), heir_(std::move(heir)), function_(function) {
+    expect(Expected::kFilledDirectory);
+  }
+
+  int offer(int directory, const char* name) override {
+    if (std::ranges::find(kStoreMetadataNames, std::string_view(name)) == kStoreMetadataNames.end())
+      return kRemoveIt;
+    const std::string to = heir_ + "/" + name;
+    if (renameat2(directory, name, AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (errno == ENOENT || errno == EEXIST) return kRemoveIt;
+    const int failed = errno;
+    LogWrite(kLogError, function_, "Failed to move %s to %s: %s", path_ + "/" + name, to,
+             strerrordesc_np(failed));
+    return failed;
+  }
+
+ private:
+  const std::string& path_;
+  std::string heir_;
+  const char* function_;
+};
+
+}  // namespace
 
 RegistryChange::~RegistryChange() {
   if (!open_) return;
@@ -92,25 +126,19 @@ Outcome RegistryChange::commit() {
   return std::nullopt;
 }
 
-bool RegistryChange::dispose(const RegistryContainers& containers, const TrashRow& row,
+bool RegistryChange::dispose(RegistryContainers& containers, const TrashRow& row,
                              const char* function) {
   const std::string path = row.kind == TrashRow::Kind::kHarbor
                                ? containers.harborDirectory() + "/" + row.uuid
                                : containers.place(Kind::kBundle, row.uuid);
-  if (!row.successor.empty()) {
-    const std::string heir = containers.place(Kind::kBundle, row.successor);
-    for (const char* name : kStoreMetadataNames) {
-      const std::string from = path + "/" + name;
-      const std::string to = heir + "/" + name;
-      if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0 &&
-          errno != ENOENT && errno != EEXIST) {
-        LogWrite(kLogError, function, "Failed to move %s to %s: %s", from, to,
-                 strerrordesc_np(errno));
-        return false;
-      }
-    }
+  int failed = 0;
+  if (row.successor.empty()) {
+    failed = removeTree(path);
+  } else {
+    Inheritance state(path, containers.place(Kind::kBundle, row.successor), function);
+    state.startAt(containers.bundleDirectory());
+    failed = state.directory() < 0 ? errno : removeTree(row.uuid, state);
   }
-  const int failed = removeTree(path);
   if (failed != 0)
     LogWrite(kLogError, function, "Failed to remove %s: %s", path, strerrordesc_np(failed));
   return failed == 0;

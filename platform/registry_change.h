@@ -18,7 +18,7 @@ class RegistryChange {
 
   // `removedTrash` holds the UUIDs of trash whose directories are gone: their rows are deleted with
   // the transaction. All of them outlive this object. `function` names the operation in logs.
-  RegistryChange(RegistryDatabase& database, const RegistryContainers& containers,
+  RegistryChange(RegistryDatabase& database, RegistryContainers& containers,
                  std::vector<std::string>& removedTrash, const char* function)
       : database_(database),
         containers_(containers),
@@ -47,12 +47,12 @@ class RegistryChange {
   Outcome commit();
 
   // Hands store metadata on and removes the directory. True when it is gone.
-  static bool dispose(const RegistryContainers& containers, const TrashRow& row,
+  static bool dispose(RegistryContainers& containers, const TrashRow& row,
                       const char* function);
 
  private:
   RegistryDatabase& database_;
-  const RegistryContainers& containers_;
+  RegistryContainers& containers_;
   std::vector<std::string>& removedTrash_;
   const char* function_;
   bool open_ = false;

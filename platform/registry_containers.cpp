@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include "foundation/open_unnoticed.h"
-#include "foundation/unique_descriptor.h"
-#include "foundation/volume_order.h"
 #include "platform/directory_reader.h"
 #include "platform/make_path.h"
 #include "platform/product_log.h"
@@ -69,6 +67,21 @@ int arrangePackage(const std::string& directory, const std::vector<std::string>&
   return rmdir(payload.c_str()) == 0 ? 0 : errno;
 }
 
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+std::optional<std::vector<std::string>> namesIn(int descriptor) {
+  if (descriptor < 0) return std::nullopt;
+  DirectoryReader reader(descriptor);
+  std::vector<std::string> names;
+  DirectoryReader::Entry entry;
+  while (reader.next(entry)) names.emplace_back(entry.name);
+  if (reader.error() != 0) {
+    errno = reader.error();
+    return std::nullopt;
+  }
+  return names;
+}
+
 }  // namespace
 
 RegistryContainers::RegistryContainers(const URL& root) {
@@ -79,13 +92,18 @@ RegistryContainers::RegistryContainers(const URL& root) {
   applications_ = base + "/Applications";
 }
 
-bool RegistryContainers::syncsKeepOrder() const {
-  if (!syncsKeepOrder_) {
-    const UniqueDescriptor directory(
-        open(incomingDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    syncsKeepOrder_ = directory && keepsOrder(directory.get());
+int RegistryContainers::bundleDirectory() {
+  if (!bundleDirectory_) {
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    bundleDirectory_.reset(open((containers_ + "/Bundle").c_str(), kFlags));
   }
-  return *syncsKeepOrder_;
+  return bundleDirectory_.get();
+}
+
+void RegistryContainers::forget() {
+  order_ = VolumeOrder();
+  settledLast_.clear();
+  bundleDirectory_.reset();
 }
 
 std::string RegistryContainers::incoming(Kind kind, const std::string& uuid) const {
@@ -123,16 +141,19 @@ int RegistryContainers::make(Kind kind, const std::string& uuid) const {
 }
 
 int RegistryContainers::settle(Kind kind, const std::string& uuid,
-                               const std::vector<std::string>& bundles) const {
+                               const std::vector<std::string>& bundles) {
   const std::string from = incoming(kind, uuid);
   if (kind == Kind::kBundle) {
     const int failed = arrangePackage(from, bundles);
     if (failed != 0) return failed;
   }
-  return renameItem(from, place(kind, uuid));
+  const int failed = renameItem(from, place(kind, uuid));
+  if (failed == 0) settledLast_ = uuid;
+  return failed;
 }
 
-int RegistryContainers::ensure(Kind kind, const std::string& uuid) const {
+int RegistryContainers::ensure(Kind kind, const std::string& uuid) {
+  if (uuid == settledLast_) return 0;
   struct stat status {};
   if (lstat(place(kind, uuid).c_str(), &status) == 0) return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
   if (errno != ENOENT) return errno;
@@ -164,26 +185,22 @@ std::optional<std::vector<RegistryContainers::IncomingEntry>> RegistryContainers
 }
 
 std::optional<std::vector<std::string>> namesInDirectory(const std::string& path) {
-  const int descriptor =
-      openUnnoticed(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (descriptor < 0) return std::nullopt;
-  DirectoryReader reader(descriptor);
-  std::vector<std::string> names;
-  DirectoryReader::Entry entry;
-  while (reader.next(entry)) names.emplace_back(entry.name);
-  if (reader.error() != 0) {
-    errno = reader.error();
-    return std::nullopt;
-  }
-  return names;
+  return namesIn(openUnnoticed(AT_FDCWD, path.c_str(), kDirectoryFlags));
+}
+
+std::optional<std::vector<std::string>> namesInDirectoryWithoutLinks(const std::string& path) {
+  return namesIn(openUnnoticedWithoutLinks(AT_FDCWD, path.c_str(), kDirectoryFlags));
 }
 
 int removeTree(const std::string& path) {
-  RecursiveRemove& remover = RecursiveRemove::current();
-  const std::unique_ptr<RemovalState> state(remover.allocateState());
+  const std::unique_ptr<RemovalState> state(RecursiveRemove::current().allocateState());
   if (!state) return ENOMEM;
-  state->expectDirectory(true);
-  if (remover.remove(path.c_str(), *state) == 0) return 0;
+  state->expect(RemovalState::Expected::kDirectory);
+  return removeTree(path, *state);
+}
+
+int removeTree(const std::string& path, RemovalState& state) {
+  if (RecursiveRemove::current().remove(path.c_str(), state) == 0) return 0;
   return errno == ENOENT ? 0 : errno;
 }
 

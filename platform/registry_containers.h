@@ -6,7 +6,10 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/unique_descriptor.h"
 #include "foundation/url.h"
+#include "foundation/volume_order.h"
+#include "platform/recursive_remove.h"
 
 namespace pallion {
 
@@ -52,15 +55,23 @@ class RegistryContainers {
   // bundles out of Payload; who knows their names saves looking. 0 or an errno; repeating it after
   // a failure or an interruption goes on.
   [[nodiscard]] int settle(Kind kind, const std::string& uuid,
-                           const std::vector<std::string>& bundles = {}) const;
+                           const std::vector<std::string>& bundles = {});
   // Sees that a recorded data or group container stands in its place; makes a new one where it was
-  // lost. 0 or an errno.
-  [[nodiscard]] int ensure(Kind kind, const std::string& uuid) const;
+  // lost. 0 or an errno. Nobody looks for the one that `settle` has just moved there.
+  [[nodiscard]] int ensure(Kind kind, const std::string& uuid);
 
-  // Whether their volume keeps order (foundation/volume_order.h). Where it doesn't, it has to be
-  // synced before a commit that speaks of its directories. Asked once; not from several threads at
-  // a time.
-  [[nodiscard]] bool syncsKeepOrder() const;
+  // Whether their volume keeps order. Where it doesn't, it has to be synced before a commit that
+  // speaks of its directories.
+  VolumeOrder& order() { return order_; }
+  [[nodiscard]] bool syncsKeepOrder() { return order_.isKept(incomingDirectory().c_str()); }
+
+  // Descriptor of the directory of recorded bundle containers, opened when first asked for. -1 with
+  // errno set on failure.
+  [[nodiscard]] int bundleDirectory();
+
+  // Drops what was learnt from the directories and holds only for as long as nobody else may change
+  // them.
+  void forget();
 
   // The entries of Incoming; nothing with errno set when they can't be listed.
   [[nodiscard]] std::optional<std::vector<IncomingEntry>> listIncoming() const;
@@ -69,16 +80,22 @@ class RegistryContainers {
   std::string library_;
   std::string containers_;
   std::string applications_;
-  mutable std::optional<bool> syncsKeepOrder_;
+  VolumeOrder order_;
+  std::string settledLast_;
+  UniqueDescriptor bundleDirectory_;
 };
 
 // Names in a directory but "." and ".."; nothing with errno set on failure. A symbolic link at
 // `path` is not followed (ENOTDIR).
 std::optional<std::vector<std::string>> namesInDirectory(const std::string& path);
+// The same of a path of which no component is a symbolic link (ELOOP).
+std::optional<std::vector<std::string>> namesInDirectoryWithoutLinks(const std::string& path);
 
 // Removes a tree. 0, also when there is none, or the errno of the first item that could not be
 // removed.
 int removeTree(const std::string& path);
+// The same with what the caller wants to hear and decide.
+int removeTree(const std::string& path, RemovalState& state);
 
 // Sets the item aside in one rename, then removes it. 0 once it is set aside (a failing removal is
 // only logged for `function`), or the errno of the rename; then it is where it was.

@@ -31,6 +31,9 @@ constexpr const char* kTables =
     "NULL,"
     " type INTEGER NOT NULL) STRICT, WITHOUT ROWID;";
 
+// Stands on a row from its first step on: there are always tables.
+constexpr const char* kHoldingStatement = "SELECT 1 FROM sqlite_schema";
+
 int rememberLogPages(void* pages, sqlite3*, const char*, int count) {
   *static_cast<int*>(pages) = count;
   return SQLITE_OK;
@@ -74,6 +77,7 @@ bool RegistryDatabase::connectToRead(RegistryFiles files, bool& empty) {
 RegistryDatabase::~RegistryDatabase() {
   if (writes_) {
     rollback();
+    letGo();
     // Both fail while another process reads; then its connection, or the next one here, does it.
     sqlite3_busy_timeout(handle_, 0);
     execute("PRAGMA journal_mode = DELETE");
@@ -157,10 +161,21 @@ bool RegistryDatabase::queryInteger(const char* sql, int64_t& number) {
   return true;
 }
 
-// Every read takes and drops locks by several calls unless it is part of a transaction. There is
-// one writer, so a transaction that a read began never is behind, and can be written in.
-bool RegistryDatabase::holdSnapshot() {
-  return (!writes_ && !inOneState_) || !sqlite3_get_autocommit(handle_) || step("BEGIN");
+// Every read and every transaction takes and drops a reader's locks by several calls, unless a
+// statement of the connection that has not come to its end holds them. There is one writer, whose
+// state is never behind.
+bool RegistryDatabase::hold() {
+  if (holds_ || (!writes_ && !inOneState_)) return true;
+  sqlite3_stmt* statement = prepared(kHoldingStatement);
+  if (!statement) return false;
+  holds_ = sqlite3_step(statement) == SQLITE_ROW;
+  if (!holds_) sqlite3_reset(statement);
+  return holds_ || fail();
+}
+
+void RegistryDatabase::letGo() {
+  if (holds_) sqlite3_reset(prepared(kHoldingStatement));
+  holds_ = false;
 }
 
 RegistryDatabase::OneState::OneState(RegistryDatabase* database) : database_(database) {
@@ -171,12 +186,10 @@ RegistryDatabase::OneState::~OneState() {
   if (!database_) return;
   database_->inOneState_ = false;
   // Whoever only reads holds no writer up for longer than this.
-  if (!database_->writes_) database_->rollback();
+  if (!database_->writes_) database_->letGo();
 }
 
-bool RegistryDatabase::begin() {
-  return !sqlite3_get_autocommit(handle_) || step("BEGIN IMMEDIATE");
-}
+bool RegistryDatabase::begin() { return step("BEGIN IMMEDIATE"); }
 
 bool RegistryDatabase::commit() { return step("COMMIT"); }
 
@@ -196,6 +209,7 @@ void RegistryDatabase::rollback() {
 
 void RegistryDatabase::checkpointIfLarge() {
   if (logPages_ < checkpointAt_) return;
+  letGo();
   sqlite3_busy_timeout(handle_, 0);  // a reader only postpones it
   const int result =
       sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);

@@ -130,8 +130,9 @@ class RegistryDatabase {
   bool execute(const char* sql);
   // Of a prepared statement that answers no rows.
   bool step(const char* sql);
-  // Sees that a transaction is open, where this connection may write or reads in one state.
-  bool holdSnapshot();
+  // Sees that a reader's locks are held, where this connection may write or reads in one state.
+  bool hold();
+  void letGo();
   bool queryInteger(const char* sql, int64_t& number);
   bool fail();  // with the connection's last error
   bool fail(const std::string& cause);
@@ -142,6 +143,7 @@ class RegistryDatabase {
   sqlite3* handle_ = nullptr;
   bool writes_ = false;
   bool inOneState_ = false;
+  bool holds_ = false;  // a reader's locks
   int logPages_ = 0;  // in the log after the last commit
   int checkpointAt_ = 0;
   std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text

@@ -51,15 +51,15 @@ class MovedBundle {
 };
 
 // The attributes and the metadata file of a placeholder in `container`. 0 or an errno.
-int furnish(const std::string& container, const std::string& bundlePath,
-            const Dictionary& options) {
+int furnish(const std::string& container, const std::string& bundlePath, const Dictionary& options,
+            VolumeOrder& volume) {
   int failed = markAsPlaceholder(bundlePath);
   if (failed == 0)
     failed = setInstallType(bundlePath, options.get(kAppInstallTypeKey).uint64Value());
   const Value metadata = options.get(kAppBriscaMetadataKey);
   if (failed == 0 && metadata.asData()) {
     const URL url = URL::fileURL(container + "/" + kBriscaMetadataName, URL::Kind::kFile);
-    failed = writeFileInOwnDirectory(url, *metadata.asData(), Durability::kOrdered);
+    failed = writeFileInOwnDirectory(url, *metadata.asData(), volume);
   }
   return failed;
 }
@@ -98,7 +98,7 @@ Outcome EmbeddedRegistry::installPlaceholder(const URL& url, const std::string& 
   // Goes back before the change removes the container.
   MovedBundle bundle(source, bundlePath);
   int number = bundle.move();
-  if (number == 0) number = furnish(container, bundlePath, options);
+  if (number == 0) number = furnish(container, bundlePath, options, containers_.order());
   // Where the bundle was made, its content came before its names; of a copy nothing is sure yet.
   if (number == 0 && bundle.wasCopied() && TreeCopy::current().syncVolume(container.c_str()) != 0)
     number = errno;

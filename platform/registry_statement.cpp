@@ -26,7 +26,7 @@ RegistryDatabase::Run& RegistryDatabase::Run::bind(int64_t number) {
 
 bool RegistryDatabase::Run::next() {
   if (!statement_ || failed_) return false;
-  if (!database_.holdSnapshot()) failed_ = true;
+  if (!database_.hold()) failed_ = true;
   if (failed_) return false;
   const int result = sqlite3_step(statement_);
   if (result == SQLITE_ROW) return true;

@@ -41,27 +41,31 @@ int RemovalWalk::Level::compare(int descriptor) const {
   return status.st_dev == device && status.st_ino == inode ? 0 : ENOENT;
 }
 
-RemovalWalk::~RemovalWalk() {
-  if (topParent_ >= 0) close(topParent_);
-}
-
 int RemovalWalk::run(const char* path) {
   path_ = path;
   while (path_.size() > 1 && path_.back() == '/') path_.pop_back();
   // An empty directory needs nothing more, nor does a single file or link.
   int number = EISDIR;
-  const auto removeEmpty = [this] { return unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR) == 0; };
-  if (state_.expectsDirectory()) {
+  const int at = state_.directory();
+  const auto removeEmpty = [&] { return unlinkat(at, path_.c_str(), AT_REMOVEDIR) == 0; };
+  using Expected = RemovalState::Expected;
+  if (state_.expected() == Expected::kDirectory) {
     if (removeEmpty()) return 0;
     number = errno == ENOTEMPTY || errno == EEXIST ? EISDIR : errno;
   }
-  if (!state_.expectsDirectory() || (number != EISDIR && number != ENOENT)) {
-    if (unlinkat(AT_FDCWD, path_.c_str(), 0) == 0) return 0;
+  if (state_.expected() == Expected::kItem || (number != EISDIR && number != ENOENT)) {
+    if (unlinkat(at, path_.c_str(), 0) == 0) return 0;
     number = errno;
     if (number == EISDIR && removeEmpty()) return 0;
   }
   if (number == ENOENT) return number;
-  topParent_ = openParentDirectory(path_, topName_);
+  if (at == AT_FDCWD) {
+    openedParent_.reset(openParentDirectory(path_, topName_));
+    topParent_ = openedParent_.get();
+  } else {
+    topParent_ = at;
+    topName_ = path_;
+  }
   if (topParent_ < 0) {
     number = errno;
   } else if (number == ENAMETOOLONG) {
@@ -85,7 +89,14 @@ void RemovalWalk::walk() {
     if ((level.trustsShortReads && level.reader.mayBeAtEnd()) || !level.reader.next(entry)) {
       leave();
     } else if (level.kept.empty() || !level.kept.contains(entry.name)) {
-      removeEntry(level.reader.descriptor(), entry.name, entry.type);
+      const int directory = level.reader.descriptor();
+      const int answer =
+          levels_.size() == 1 ? state_.offer(directory, entry.name) : RemovalState::kRemoveIt;
+      if (answer == RemovalState::kRemoveIt) {
+        removeEntry(directory, entry.name, entry.type);
+      } else if (answer != 0) {
+        fail(entry.name, answer);
+      }
     }
   }
 }

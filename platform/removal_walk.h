@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/directory_reader.h"
 #include "platform/recursive_remove.h"
 
@@ -24,7 +25,6 @@ class RemovalWalk {
   explicit RemovalWalk(RemovalState& state) : state_(state) {}
   RemovalWalk(const RemovalWalk&) = delete;
   RemovalWalk& operator=(const RemovalWalk&) = delete;
-  ~RemovalWalk();
 
   // Removes the item at `path`. 0, or the errno that the removal ends with.
   int run(const char* path);
@@ -72,6 +72,7 @@ class RemovalWalk {
   std::string path_;  // of the deepest level; of the top item while there is none
   std::string topName_;
   int topParent_ = -1;
+  UniqueDescriptor openedParent_;
   std::vector<Level> levels_;
   int firstError_ = 0;
   bool stopped_ = false;

@@ -45,14 +45,18 @@ const char* bundleTypeOf(const std::string& name) {
 }
 
 Outcome inspectPackage(const std::string& directory, StagedPackage& package) {
-  struct stat status {};
-  if (lstat(directory.c_str(), &status) != 0)
-    return inspectionFailed("Staging directory " + directory, errno, "");
-  if (!S_ISDIR(status.st_mode))
-    return inspectionFailed("Staging directory " + directory, ENOTDIR, "");
   const std::string payload = directory + "/Payload";
-  const std::optional<std::vector<std::string>> names = namesInDirectory(payload);
-  if (!names && errno != ENOENT) return inspectionFailed("Listing " + payload, errno, "");
+  // A way without links shows that the staging directory is none either.
+  std::optional<std::vector<std::string>> names = namesInDirectoryWithoutLinks(payload);
+  if (!names) {
+    struct stat status {};
+    if (lstat(directory.c_str(), &status) != 0)
+      return inspectionFailed("Staging directory " + directory, errno, "");
+    if (!S_ISDIR(status.st_mode))
+      return inspectionFailed("Staging directory " + directory, ENOTDIR, "");
+    names = namesInDirectory(payload);
+    if (!names && errno != ENOENT) return inspectionFailed("Listing " + payload, errno, "");
+  }
   BundlePlaces bundles;
   for (const std::string& name : names ? *names : std::vector<std::string>())
     bundles.emplace_back(payload, name);

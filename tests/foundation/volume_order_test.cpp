@@ -39,6 +39,10 @@ TEST(VolumeOrder, IsKeptByJournalsAlone) {
       ASSERT_TRUE(mount.mounted());
       const UniqueDescriptor directory(open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
       EXPECT_EQ(keepsOrder(directory.get()), c.keeps);
+      VolumeOrder volume;
+      EXPECT_FALSE(volume.isKept((place + "/missing").c_str()));
+      EXPECT_EQ(volume.isKept(place.c_str()), c.keeps);
+      EXPECT_EQ(volume.isKept(-1), c.keeps) << "asked a second time";
       unlink(image.c_str());
     }
   }));

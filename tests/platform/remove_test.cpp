@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "foundation/unique_descriptor.h"
 #include "platform/recursive_remove.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
@@ -251,6 +252,38 @@ TEST_F(Remove, ReportsEachFailingItemOnceByItsPathAndGoesOn) {
   }));
   EXPECT_EQ(countFiles(top_), stuck.size());
   EXPECT_EQ(removeAt(top_).number, 0);
+}
+
+TEST_F(Remove, ItemsAtTheTopAreOfferedBeforeTheyGo) {
+  class Offered final : public RemovalState {
+   public:
+    explicit Offered(std::string place) : place_(std::move(place)) {}
+    int offer(int directory, const char* name) override {
+      const std::string_view item = name;
+      if (item == "stays") return EPERM;
+      if (item != "taken" && item != "taken directory") return kRemoveIt;
+      return renameat(directory, name, AT_FDCWD, (place_ + "/" + name).c_str()) == 0 ? 0 : errno;
+    }
+
+   private:
+    std::string place_;
+  };
+  const std::string place = root_.makeDirectory("place");
+  for (const char* name : {"taken", "taken directory/file", "stays", "goes", "goes too/taken"})
+    root_.makeFile(std::string("top/") + name, name);
+  const UniqueDescriptor directory(open(root_.path().c_str(), O_PATH | O_CLOEXEC));
+  Offered state(place);
+  state.startAt(directory.get());
+  state.expect(RemovalState::Expected::kFilledDirectory);
+  EXPECT_EQ(RecursiveRemove::system().remove("top", state), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_TRUE(countFiles(top_) == 1 && exists(top_ + "/stays"));
+  for (const char* name : {"taken", "taken directory/file"})
+    EXPECT_EQ(readAll(place + "/" + name), name);
+  fs::remove(top_ + "/stays");
+  for (int time = 0; time < 2; ++time)  // what is not there counts as removed
+    EXPECT_EQ(RecursiveRemove::system().remove("top", state), 0);
+  EXPECT_FALSE(exists(top_));
 }
 
 TEST_F(Remove, ADirectoryMovedAwayLeadsNowhereElse) {
