@@ -269,7 +269,7 @@ TEST_F(Remove, ItemsAtTheTopAreOfferedBeforeTheyGo) {
     std::string place_;
   };
   const std::string place = root_.makeDirectory("place");
-  for (const char* name : {"taken", "taken directory/file", "stays", "goes", "goes too/taken"})
+  for (const char* name : {"taken", "taken directory/file", "stays", "goes", "goes too/stays"})
     root_.makeFile(std::string("top/") + name, name);
   const UniqueDescriptor directory(open(root_.path().c_str(), O_PATH | O_CLOEXEC));
   Offered state(place);
