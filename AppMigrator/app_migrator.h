@@ -107,7 +107,7 @@ class PLAppMigrator : public MigrationPluginBase {
   std::optional<Dictionary> _installMap;
   std::optional<Dictionary> _harborMap;
   std::optional<Dictionary> _groupContainerMap;
-  VolumeOrder temporaryVolume_;  // of the temporary directory
+  VolumeOrder temporaryVolume_;          // of the temporary directory
   bool installMapIsUnreadable_ = false;  // there is one, but reading it failed
 };
 

@@ -12,6 +12,7 @@
 #include "foundation/open_unnoticed.h"
 #include "foundation/signal_retry.h"
 #include "foundation/unique_descriptor.h"
+#include "foundation/volume_order.h"
 
 namespace pallion {
 

@@ -8,11 +8,12 @@
 #include <sys/types.h>
 
 #include "foundation/url.h"
-#include "foundation/volume_order.h"
 
 // Whole files as bytes. All functions may be called from any thread.
 
 namespace pallion {
+
+class VolumeOrder;
 
 enum class FileCache { kUse, kBypass };
 

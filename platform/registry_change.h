@@ -47,8 +47,7 @@ class RegistryChange {
   Outcome commit();
 
   // Hands store metadata on and removes the directory. True when it is gone.
-  static bool dispose(RegistryContainers& containers, const TrashRow& row,
-                      const char* function);
+  static bool dispose(RegistryContainers& containers, const TrashRow& row, const char* function);
 
  private:
   RegistryDatabase& database_;

@@ -144,7 +144,7 @@ class RegistryDatabase {
   bool writes_ = false;
   bool inOneState_ = false;
   bool holds_ = false;  // a reader's locks
-  int logPages_ = 0;  // in the log after the last commit
+  int logPages_ = 0;    // in the log after the last commit
   int checkpointAt_ = 0;
   std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text
   Refusal failure_;

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "foundation/property_list.h"
+#include "foundation/volume_order.h"
 #include "tests/helpers/child_process.h"
 #include "tests/helpers/mounts.h"
 #include "tests/helpers/refused_calls.h"
