@@ -74,24 +74,47 @@ enum class Value::Kind : uint8_t {
   kSet
 };
 
-// An object is as large as its content needs and no larger: with very many texts, memory is what
-// takes the time.
-struct Value::Object {
-  const Kind kind;
-};
-
 template <class T>
 struct Value::Holder : Object {
   const T content;
   template <class From>
-  Holder(Kind k, From&& from) : Object{k}, content(std::forward<From>(from)) {}
+  Holder(Kind k, From&& from) : Object(k), content(std::forward<From>(from)) {}
 };
 
 template <class T>
 Value Value::make(Kind kind, T content) {
   constexpr bool kIsContainer = std::is_same_v<T, Array> || std::is_same_v<T, Dictionary>;
   using Content = std::conditional_t<kIsContainer, Hashed<T>, T>;
-  return Value(std::make_shared<const Holder<Content>>(kind, std::move(content)));
+  return Value(new Holder<Content>(kind, std::move(content)));
+}
+
+void Value::destroy(const Object* object) {
+  switch (object->kind) {
+    case Kind::kString:
+    case Kind::kData:
+      delete static_cast<const Holder<std::string>*>(object);
+      return;
+    case Kind::kBoolean:
+      delete static_cast<const Holder<bool>*>(object);
+      return;
+    case Kind::kInteger:
+      delete static_cast<const Holder<int64_t>*>(object);
+      return;
+    case Kind::kLargeUnsigned:
+      delete static_cast<const Holder<uint64_t>*>(object);
+      return;
+    case Kind::kReal:
+    case Kind::kDate:
+      delete static_cast<const Holder<double>*>(object);
+      return;
+    case Kind::kArray:
+    case Kind::kSet:
+      delete static_cast<const Holder<Hashed<Array>>*>(object);
+      return;
+    case Kind::kDictionary:
+      delete static_cast<const Holder<Hashed<Dictionary>>*>(object);
+      return;
+  }
 }
 
 template <class T>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +21,18 @@ class Value {
   using Array = std::vector<Value>;
 
   Value() = default;
+  Value(const Value& other) : object_(other.object_) {
+    if (object_) object_->handles.fetch_add(1, std::memory_order_relaxed);
+  }
+  Value(Value&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  Value& operator=(Value other) noexcept {
+    std::swap(object_, other.object_);
+    return *this;
+  }
+  ~Value() {
+    // The last handle sees what was done by way of all others.
+    if (object_ && object_->handles.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(object_);
+  }
 
   // Each makes a new object. Strings and data are bytes.
   static Value string(std::string text);
@@ -71,7 +83,13 @@ class Value {
 
  private:
   enum class Kind : uint8_t;
-  struct Object;
+  // As large as its content needs and no larger: with very many texts, memory is what takes the
+  // time. That is why handles are counted here, and not by a std::shared_ptr.
+  struct Object {
+    const Kind kind;
+    mutable std::atomic<uint32_t> handles{1};  // more would take 32 GiB
+    explicit Object(Kind k) : kind(k) {}
+  };
   template <class T>
   struct Holder;
   template <class T>
@@ -80,8 +98,9 @@ class Value {
   template <class T>
   [[nodiscard]] const T* held(Kind kind) const;
   [[nodiscard]] size_t hashOfContainer() const;
-  explicit Value(std::shared_ptr<const Object> object) : object_(std::move(object)) {}
-  std::shared_ptr<const Object> object_;
+  static void destroy(const Object* object);
+  explicit Value(const Object* object) : object_(object) {}
+  const Object* object_ = nullptr;
 };
 
 // Keys and values in insertion order. Any value can be a key; strings are the ordinary case.
