@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/registry_change.h"
 #include "platform/uuid.h"
 #include "tests/helpers/mounts.h"
 #include "tests/platform/registry_fixture.h"
@@ -144,6 +145,22 @@ TEST_F(RegistryRecovery, IncomingIsCompletedOrRemovedAndNothingElse) {
   const TreeSnapshot after = newLayout();
   for (const auto& [path, line] : before)
     EXPECT_EQ(after.count(path) ? after.at(path) : "", line) << path;
+}
+
+TEST_F(RegistryRecovery, MetadataThatCannotBeHandedOnStaysWithItsContainer) {
+  RegistryContainers directories(root_.url());
+  std::filesystem::create_directories(containers("/Bundle/OLD/A.app"));
+  root_.makeFile("private/var/palliond/Containers/Bundle/OLD/GeoJSON", "geo");
+  const std::string heir =
+      root_.makeFile("private/var/palliond/Containers/Bundle/NEW", "no directory");
+  const TrashRow trash{"OLD", TrashRow::Kind::kBundleContainer, "NEW"};
+  EXPECT_FALSE(RegistryChange::dispose(directories, trash, "test"));
+  EXPECT_EQ(readAll(containers("/Bundle/OLD/GeoJSON")), "geo");
+  std::filesystem::remove(heir);
+  std::filesystem::create_directory(heir);
+  EXPECT_TRUE(RegistryChange::dispose(directories, trash, "test"));
+  EXPECT_EQ(readAll(heir + "/GeoJSON"), "geo");
+  EXPECT_EQ(namesIn(containers("/Bundle")), Strings{"NEW"});
 }
 
 TEST_F(RegistryRecovery, ADatabaseThatCannotBeReadIsRefusedAndKept) {
