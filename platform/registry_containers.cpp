@@ -94,7 +94,7 @@ RegistryContainers::RegistryContainers(const URL& root) {
 
 int RegistryContainers::bundleDirectory() {
   if (!bundleDirectory_) {
-    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;  // may be a link, as for every path
     bundleDirectory_.reset(open((containers_ + "/Bundle").c_str(), kFlags));
   }
   return bundleDirectory_.get();

@@ -149,6 +149,8 @@ TEST_F(RegistryRecovery, IncomingIsCompletedOrRemovedAndNothingElse) {
 
 TEST_F(RegistryRecovery, MetadataThatCannotBeHandedOnStaysWithItsContainer) {
   RegistryContainers directories(root_.url());
+  root_.makeDirectory("private/var/palliond/Containers");
+  root_.makeLink("private/var/palliond/Containers/Bundle", root_.makeDirectory("elsewhere"));
   std::filesystem::create_directories(containers("/Bundle/OLD/A.app"));
   root_.makeFile("private/var/palliond/Containers/Bundle/OLD/GeoJSON", "geo");
   const std::string heir =

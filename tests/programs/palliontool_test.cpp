@@ -194,9 +194,6 @@ TEST(PallionTool, WorksInsideAnotherRoot) {
   const std::pair<const char*, Json> values[] = {
       {"nSimultaneousInstallations", -2},  // the integer, which a string would not change
       {"skipThinningCheck", true},         // likewise
-      {"skipDeviceFamilyCheck", false},
-      {"stagingRoot", "/private/var/palliond/Library/Caches/com.orlix.mobile.palliond.staging/"},
-      {"oldInstallMapPath", "/private/var/mobile/Library/Caches/com.orlix.pallion.plist"},
       {"installationBlacklist", {"com.orlix.Tovin6Updater"}},
       {"alternateThinningModelIdentifier", nullptr}};
   for (const auto& [name, value] : values) EXPECT_EQ(config.at(name), value) << name;
